@@ -1,0 +1,30 @@
+# make test   install what is missing, build, run every test under Wine
+# make demo   run the plug-in on planted autorun registrations in a fresh prefix
+# make bench  build and run the benchmark (figures only, no assertions)
+BUILD_DIR ?= build
+JOBS ?= $(shell nproc)
+
+.PHONY: all bootstrap configure build test demo bench clean
+
+all: build
+
+bootstrap:
+	@bash scripts/bootstrap
+
+configure: bootstrap
+	@cmake -S . -B $(BUILD_DIR) -DCMAKE_TOOLCHAIN_FILE=cmake/mingw-i686.cmake >/dev/null
+
+build: configure
+	@cmake --build $(BUILD_DIR) -j $(JOBS)
+
+test: build
+	@bash scripts/run-tests $(BUILD_DIR)
+
+demo: build
+	@bash scripts/demo $(BUILD_DIR)
+
+bench: build
+	@bash scripts/bench $(BUILD_DIR)
+
+clean:
+	rm -rf $(BUILD_DIR)

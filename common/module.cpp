@@ -1,0 +1,18 @@
+#include "common/module.h"
+
+namespace kw {
+namespace {
+HMODULE g_module = nullptr;
+}
+
+void SetThisModule(HMODULE module) noexcept { g_module = module; }
+
+HMODULE GetThisModule() noexcept {
+    if (g_module) return g_module;
+    HMODULE self = nullptr;
+    GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS |
+                           GET_MODULE_HANDLE_EX_FLAG_UNCHANGED_REFCOUNT,
+                       reinterpret_cast<LPCWSTR>(&SetThisModule), &self);
+    return self;
+}
+}  // namespace kw

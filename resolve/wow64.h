@@ -1,0 +1,78 @@
+// The 32/64-bit view of this process: whether it is a 32-bit process on 64-bit
+// Windows, the real OS version, redirection pausing for a scope, System32 path
+// mapping and the name of the current control set. All state is process-wide
+// and computed once; a missing system function degrades to the safe answer
+// (not WOW64, redirection not paused, the version as reported).
+#pragma once
+#include <windows.h>
+
+#include <string>
+
+namespace kw {
+
+class CWow64Helper {
+public:
+    CWow64Helper();
+    virtual ~CWow64Helper();
+
+    void EnsureInitialized();
+
+    BOOL m_bIsWow64 = 0;
+    BOOL m_bWin7OrLater = 0;
+    BOOL m_bVistaOrLater = 0;
+    wchar_t m_szSystemDir[MAX_PATH] = {0};
+    volatile LONG m_bInitialized = 0;
+    CRITICAL_SECTION m_lock;
+};
+
+// The process-wide helper, initialised on first use.
+CWow64Helper* GetWow64Helper();
+
+BOOL IsProcessWow64();
+BOOL IsOsWow6432();
+BOOL DisableFsRedirection(PVOID* pOldValue);
+BOOL RevertFsRedirection(PVOID oldValue);
+
+// Pauses file-system redirection on this thread for the object's scope.
+class CAutoWow64PauseDisable {
+public:
+    CAutoWow64PauseDisable();
+    virtual ~CAutoWow64PauseDisable();
+    CAutoWow64PauseDisable(const CAutoWow64PauseDisable&) = delete;
+    CAutoWow64PauseDisable& operator=(const CAutoWow64PauseDisable&) = delete;
+
+    PVOID m_pOldValue = nullptr;
+    BOOL m_bDisabled = 0;
+};
+
+class COSVersionCheck {
+public:
+    COSVersionCheck();
+    virtual ~COSVersionCheck();
+    void Read(OSVERSIONINFOEXW* osvi, LONG* corrected) const;
+
+    LONG m_nCorrected = -1;
+    OSVERSIONINFOEXW m_osvi;
+};
+
+COSVersionCheck* GetOSVersionCheck();
+BOOL GetOsVersionInfo(OSVERSIONINFOW* osvi);
+BOOL IsWin7OrLater();
+BOOL IsVistaOrLater();
+
+BOOL MapSystem32ToSysWow64(const std::wstring& path, std::wstring& out);
+BOOL MapSystem32ToSysnative(const std::wstring& path, std::wstring& out);
+HRESULT GetNtoskrnlPath(wchar_t* out /* MAX_PATH */);
+BOOL GetFileFixedVersion(const wchar_t* path, VS_FIXEDFILEINFO* out);
+
+// "ControlSet00%d" of HKLM\System\Select "Current", computed once per process;
+// empty when the key or value cannot be read (then retried on the next call).
+const wchar_t* GetCurrentControlSetName();
+
+// Registry entry points loaded on demand from Advapi32.dll; -1 when missing.
+LONG DynRegOpenKeyExW(HKEY key, const wchar_t* subKey, DWORD options, REGSAM sam, HKEY* out);
+LONG DynRegQueryValueExW(HKEY key, const wchar_t* name, DWORD* reserved, DWORD* type,
+                         BYTE* data, DWORD* cbData);
+void DynRegCloseKey(HKEY key);
+
+}  // namespace kw
