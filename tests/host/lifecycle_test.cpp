@@ -1,15 +1,36 @@
-// The plug-in's lifecycle as a host drives it: exports, Init, callbacks,
-// UnInit and release, with the trace lines the host receives.
+// The plug-in's lifecycle as a host drives it through the DLL's exports and
+// the interface's slots: creation, Init, the tracing callbacks, UnInit,
+// release, the registry shim, and every bad call a host could make.
 #include "host_sim.h"
+#include "support/child.h"
+#include "support/fixtures.h"
 
 #include <gtest/gtest.h>
 
 using namespace hostsim;
 
+namespace {
+PluginHost& Loaded(PluginHost& h) {
+    EXPECT_TRUE(h.Load());
+    return h;
+}
+}  // namespace
+
+TEST(HostLayout, ContractSizesOnTheHostSide) {
+    EXPECT_EQ(32u, sizeof(IPlugin));
+    EXPECT_EQ(1056u, offsetof(Request, Inline));
+    EXPECT_EQ(20u, offsetof(Request, Context));
+    EXPECT_EQ(16u, offsetof(DriverEvent, Req));
+    EXPECT_EQ(1032u, offsetof(RegContext, DataSize));
+}
+
 TEST(Lifecycle, CreateInitCallbacksRelease) {
     PluginHost host;
-    ASSERT_TRUE(host.Load());
-    ASSERT_TRUE(host.Create());
+    ASSERT_TRUE(Loaded(host).Create());
+    // A fresh object: empty host string (capacity 15), zero value.
+    EXPECT_EQ(0u, host.Plugin()->name.size);
+    EXPECT_EQ(15u, host.Plugin()->name.capacity);
+    EXPECT_EQ(0u, host.Plugin()->value);
     ASSERT_TRUE(host.Init("{\"RegParseConfig\":[]}"));
     EXPECT_EQ(1, host.Engine().Refs());
     IPlugin* p = host.Plugin();
@@ -18,8 +39,132 @@ TEST(Lifecycle, CreateInitCallbacksRelease) {
     EXPECT_EQ(0u, p->LastProcessEvent(nullptr, &host.Engine()));
     EXPECT_TRUE(p->AfterProcessEvent(1, 2, 3));
     p->UnInit();
-    EXPECT_TRUE(host.Engine().HasLine(L"[kwRegAnalyze][INFO ][CPlugDeepScan::Init] CPlugDeepScan::Init ok"));
-    EXPECT_TRUE(host.Engine().HasLine(L"[kwRegAnalyze][INFO ][CPlugDeepScan::SetEnable] CPlugDeepScan::SetEnable hello"));
-    EXPECT_TRUE(host.Engine().HasLine(L"[kwRegAnalyze][INFO ][CPlugDeepScan::UnInit] CPlugDeepScan::UnInit enter"));
+    const wchar_t* expected[] = {
+        L"[kwRegAnalyze][INFO ][CPlugDeepScan::Init] CPlugDeepScan::Init ok",
+        L"[kwRegAnalyze][INFO ][CPlugDeepScan::SetEnable] CPlugDeepScan::SetEnable hello",
+        L"[kwRegAnalyze][INFO ][CPlugDeepScan::PreProcessEvent] CPlugDeepScan::PreProcessEvent enter",
+        L"[kwRegAnalyze][INFO ][CPlugDeepScan::LastProcessEvent] CPlugDeepScan::LastProcessEvent enter",
+        L"[kwRegAnalyze][INFO ][CPlugDeepScan::AfterProcessEvent] CPlugDeepScan::AfterProcessEvent enter",
+        L"[kwRegAnalyze][INFO ][CPlugDeepScan::UnInit] CPlugDeepScan::UnInit enter",
+    };
+    for (const wchar_t* line : expected) EXPECT_TRUE(host.Engine().HasLine(line)) << line;
+    for (const auto& l : host.Engine().Lines()) EXPECT_TRUE(l.level == 50 || l.level == 31);
+    EXPECT_EQ(0, host.Engine().ReservedCalls());
     host.Release();
+    // Releasing the object does not release the host's engine: it stays the log sink.
+    EXPECT_EQ(1, host.Engine().Refs());
+}
+
+TEST(Lifecycle, WrongInterfaceIdInAnyByteCreatesNothing) {
+    PluginHost host;
+    Loaded(host);
+    for (int i = 0; i < 16; ++i) {
+        GUID g = kPluginIid;
+        reinterpret_cast<uint8_t*>(&g)[i] ^= 0x01;
+        IPlugin* sentinel = reinterpret_cast<IPlugin*>(0x1234);
+        IPlugin* out = sentinel;
+        EXPECT_FALSE(host.create(&g, &out)) << "byte " << i;
+        EXPECT_EQ(sentinel, out) << "byte " << i;
+    }
+}
+
+TEST(Lifecycle, NullArgumentsToTheExports) {
+    PluginHost host;
+    Loaded(host);
+    IPlugin* out = nullptr;
+    EXPECT_FALSE(host.create(nullptr, &out));
+    EXPECT_FALSE(host.create(&kPluginIid, nullptr));
+    EXPECT_EQ(nullptr, out);
+    host.release(nullptr);  // ignored
+}
+
+// Before any Init the process has no log sink: nothing may crash and nothing
+// is traced. A process of its own, since the sink is process-wide.
+KW_CHILD_TEST(LifecycleFresh, CallbacksBeforeInitAndNullHost) {
+    PluginHost host;
+    ASSERT_TRUE(Loaded(host).Create());
+    IPlugin* p = host.Plugin();
+    RuleEngine ctx;
+    Event ev;
+    p->UnInit();
+    p->SetEnable(0, 0);
+    EXPECT_EQ(0u, p->FirstProcessEvent(nullptr, nullptr));
+    EXPECT_EQ(0u, p->FirstProcessEvent(&ev, &ctx));
+    EXPECT_EQ(0u, p->PostProcessEvent(nullptr, nullptr));
+    EXPECT_EQ(0u, p->PostProcessEvent(&ev, nullptr));
+    EXPECT_EQ(0u, p->PreProcessEvent(nullptr, nullptr));
+    EXPECT_EQ(0u, p->LastProcessEvent(nullptr, nullptr));
+    EXPECT_TRUE(p->AfterProcessEvent(0, 0, 0));
+    EXPECT_FALSE(p->Init(nullptr, "{}", 2));
+    // Still no sink: a later callback traces nothing.
+    p->SetEnable(0, 0);
+    EXPECT_EQ(0u, host.Engine().LineCount());
+    EXPECT_EQ(0u, ctx.LineCount());
+    EXPECT_EQ(0, host.Engine().Refs());
+}
+
+KW_CHILD_TEST(LifecycleFresh, FirstInitHasNoEnterLineSecondInitHas) {
+    PluginHost host;
+    ASSERT_TRUE(Loaded(host).Create());
+    ASSERT_TRUE(host.Init(""));  // empty rule text: rule loading fails, Init still succeeds
+    EXPECT_FALSE(host.Engine().HasLine(L"CPlugDeepScan::Init enter"));
+    EXPECT_TRUE(host.Engine().HasLine(L"CPlugDeepScan::Init ok"));
+    host.Engine().ClearLines();
+    ASSERT_TRUE(host.Init(""));
+    EXPECT_TRUE(host.Engine().HasLine(L"[kwRegAnalyze][INFO ][CPlugDeepScan::Init] CPlugDeepScan::Init enter"));
+}
+
+TEST(Lifecycle, HostReferenceCounting) {
+    PluginHost host;
+    ASSERT_TRUE(Loaded(host).Create());
+    RuleEngine other;
+    ASSERT_TRUE(host.Init("{}"));
+    EXPECT_EQ(1, host.Engine().Refs());
+    ASSERT_TRUE(host.Init("{}"));  // the same object again: no change
+    EXPECT_EQ(1, host.Engine().Refs());
+    ASSERT_TRUE(host.InitRaw(&other, "{}", 2));  // a new object: +1 new, -1 old
+    EXPECT_EQ(1, other.Refs());
+    EXPECT_EQ(0, host.Engine().Refs());
+    // The new object is the log sink now.
+    host.Plugin()->SetEnable(0, 0);
+    EXPECT_TRUE(other.HasLine(L"CPlugDeepScan::SetEnable hello"));
+    // Keep `other` valid as the process's sink until exit: re-point to the host's engine.
+    ASSERT_TRUE(host.Init("{}"));
+}
+
+TEST(Lifecycle, NullRuleTextPointerWithLength) {
+    PluginHost host;
+    ASSERT_TRUE(Loaded(host).Create());
+    EXPECT_TRUE(host.InitRaw(&host.Engine(), nullptr, 100));
+}
+
+TEST(Lifecycle, SeveralObjectsLiveSideBySide) {
+    PluginHost a, b;
+    ASSERT_TRUE(Loaded(a).Create());
+    ASSERT_TRUE(Loaded(b).Create());
+    EXPECT_NE(a.Plugin(), b.Plugin());
+    ASSERT_TRUE(a.Init("{}"));
+    ASSERT_TRUE(b.Init("{}"));
+    a.Release();
+    b.Plugin()->SetEnable(0, 0);
+    EXPECT_TRUE(b.Engine().HasLine(L"CPlugDeepScan::SetEnable hello"));
+}
+
+struct ShimRow {
+    const char* name;
+    REGSAM view;
+};
+
+TEST(Lifecycle, RegistryShimDeletesInTheRequestedView) {
+    PluginHost host;
+    ASSERT_TRUE(Loaded(host).regDelete);
+    const ShimRow rows[] = {{"64-bit view", KEY_WOW64_64KEY}, {"32-bit view", KEY_WOW64_32KEY}};
+    for (const auto& r : rows) {
+        SCOPED_TRACE(r.name);
+        std::wstring key = L"Software\\kwtest-shim-" + std::to_wstring(GetCurrentProcessId());
+        ASSERT_TRUE(kwtest::RegCreate(HKEY_LOCAL_MACHINE, key, r.view));
+        EXPECT_EQ(ERROR_SUCCESS, host.regDelete(HKEY_LOCAL_MACHINE, key.c_str(), r.view, 0));
+        EXPECT_FALSE(kwtest::RegKeyExists(HKEY_LOCAL_MACHINE, key, r.view));
+        EXPECT_EQ(ERROR_FILE_NOT_FOUND, host.regDelete(HKEY_LOCAL_MACHINE, key.c_str(), r.view, 0));
+    }
 }
