@@ -55,14 +55,25 @@ public:
     OSVERSIONINFOEXW m_osvi;
 };
 
+// The process-wide version record, built once; concurrent first callers wait
+// (1 ms sleeps) until it is ready.
 COSVersionCheck* GetOSVersionCheck();
+// Copies the version record into osvi, at most min(osvi->dwOSVersionInfoSize, 284)
+// bytes (the size field is copied too). Returns 1; 0 for a null record.
 BOOL GetOsVersionInfo(OSVERSIONINFOW* osvi);
 BOOL IsWin7OrLater();
 BOOL IsVistaOrLater();
 
+// Under WOW64, a path below <Windows>\System32 (any case, '/' or doubled '\'
+// allowed) becomes <Windows>\SysWow64 or <Windows>\Sysnative plus the rest;
+// any other path (after its short names are made long) is returned as given.
+// Returns 1, or 0 with out empty when the mapped path cannot be formed.
 BOOL MapSystem32ToSysWow64(const std::wstring& path, std::wstring& out);
 BOOL MapSystem32ToSysnative(const std::wstring& path, std::wstring& out);
+// <Windows>\SysNative\ntoskrnl.exe under WOW64, else <Windows>\System32\ntoskrnl.exe.
+// S_OK, or E_FAIL when the Windows directory cannot be read or does not fit.
 HRESULT GetNtoskrnlPath(wchar_t* out /* MAX_PATH */);
+// The fixed part of a file's version resource; nonzero on success.
 BOOL GetFileFixedVersion(const wchar_t* path, VS_FIXEDFILEINFO* out);
 
 // "ControlSet00%d" of HKLM\System\Select "Current", computed once per process;
