@@ -1,11 +1,28 @@
 // The DLL's three exports and its start-up hook. No C++ exception leaves here.
 #include "common/module.h"
+#include "diag/log_writer.h"
 #include "plugin/func_resolver.h"
 #include "plugin/plug_deep_scan.h"
 
+#include <atomic>
 #include <new>
 
 using namespace kw;
+
+namespace {
+// Plug-in objects handed out and not yet released. When the last one goes,
+// the file log's background writer is stopped here, outside DllMain, so that
+// unloading the module never has to wait for it.
+std::atomic<long> g_liveObjects{0};
+
+void ObjectReleased() noexcept {
+    long count = g_liveObjects.load();
+    // A release without a matching creation never drives the count below 0.
+    while (count > 0 && !g_liveObjects.compare_exchange_weak(count, count - 1)) {
+    }
+    if (count == 1) StopLogWriter();
+}
+}  // namespace
 
 extern "C" BOOL WINAPI DllMain(HINSTANCE instance, DWORD reason, LPVOID) {
     if (reason == DLL_PROCESS_ATTACH) SetThisModule(instance);
@@ -18,12 +35,14 @@ extern "C" bool CreatePlugObjectV2(const GUID* iid, IKwRulePlug** out) {
     CPlugDeepScan* obj = new (std::nothrow) CPlugDeepScan();
     if (!obj) return false;
     *out = obj;
+    g_liveObjects.fetch_add(1);
     return true;
 }
 
 extern "C" void ReleasePlugObjectV2(IKwRulePlug* obj) {
     if (!obj) return;
     CPlugDeepScan::DestroyAsBase(static_cast<CPlugDeepScan*>(obj));
+    ObjectReleased();
 }
 
 typedef LONG(WINAPI* RegDeleteKeyExW_t)(HKEY, LPCWSTR, REGSAM, DWORD);
