@@ -1,5 +1,11 @@
 // Registry helpers shared by the analyzers: the expanded string read, the
-// sub-key enumerator and the 32-bit (Wow6432Node) view test.
+// multi-string read, the sub-key enumerator and the 32-bit (Wow6432Node) view
+// test. Every open names its view through `extraAccess` (KEY_WOW64_64KEY or
+// KEY_WOW64_32KEY); without one, the process's own view is used, which is what
+// the analyzers ask for on purpose when they read the 32-bit view of a WOW64
+// process. Registry data is never trusted to be terminated or sized as its
+// type says: the raw bytes are read into a buffer of our own, an odd last byte
+// is dropped, and the text ends at its first NUL or at the data's end.
 #pragma once
 #include "common/handle.h"
 
@@ -9,31 +15,53 @@
 
 namespace kw {
 
-// Reads a string value (REG_SZ or REG_EXPAND_SZ; REG_EXPAND_SZ is expanded
-// with the process environment) under root\subKey, opened with KEY_READ plus
-// `extraAccess` (view flags). The result is cut to 520 characters. Data
-// without a terminator and odd sizes are tolerated. False (out empty) when the
-// key or value is missing or of another type.
+// Characters of the expanded-value buffer, terminator included: a value read by
+// RegReadExpandedString holds at most kExpandedValueCch - 1 (519) characters.
+constexpr size_t kExpandedValueCch = 520;
+
+// Reads a string value (REG_SZ or REG_EXPAND_SZ) under root\subKey (an empty
+// or null subKey reads from root itself), opened with KEY_READ plus
+// `extraAccess`. REG_EXPAND_SZ text is expanded with the process environment;
+// REG_SZ text is taken as it is. The result is cut to 519 characters (a
+// 520-character buffer with its terminator); longer text is cut, not refused.
+// A null valueName reads the default value. False (out empty) when the key or
+// value is missing or of another type. Refusals are not traced (a missing
+// value is the normal case for the callers).
 bool RegReadExpandedString(HKEY root, const wchar_t* subKey, const wchar_t* valueName,
                            REGSAM extraAccess, std::wstring& out);
 
-// Reads a REG_MULTI_SZ (or REG_SZ) value whole into its strings; a missing final
-// NUL is tolerated. False when missing.
+// Reads a REG_MULTI_SZ value (REG_SZ and REG_EXPAND_SZ are accepted as one
+// string, never expanded) whole. `raw` receives the value's characters with
+// every trailing NUL removed, so its strings are separated by single NULs
+// ("a\0b"; empty strings inside the data stay as they are; callers skip empty
+// pieces). A missing final NUL and an odd byte count are tolerated. False (raw
+// empty) when the key or value is missing or of another type.
 bool RegReadMultiString(HKEY root, const wchar_t* subKey, const wchar_t* valueName,
                         REGSAM extraAccess, std::wstring& raw);
 
-// Whether subKey under root (HKEY_LOCAL_MACHINE or HKEY_CURRENT_USER) lies in
-// the 32-bit registry view, i.e. names a Wow6432Node key.
+// Whether subKey under root names a key of the 32-bit registry view, as 64-bit
+// Windows lays that view out physically:
+//   HKEY_LOCAL_MACHINE  "Software\Wow6432Node[\...]" (32-bit HKLM\Software)
+//                       "Software\Classes\Wow6432Node[\...]" (32-bit machine classes)
+//   HKEY_CURRENT_USER   "Software\Classes\Wow6432Node[\...]" (32-bit per-user
+//                       classes; the rest of HKCU\Software is shared by both
+//                       views, so a "Software\Wow6432Node" there is an
+//                       ordinary key)
+// Names are whole path components compared without regard to case
+// ("Wow6432NodeX" is not the node); leading and repeated backslashes are
+// ignored. Any other root (HKEY_USERS, HKEY_CLASSES_ROOT, ...) gives false.
 bool IsWow6432NodePath(HKEY root, const wchar_t* subKey);
 
 // Enumerates the sub-key names of root\subKey (opened with 0x20019 | extraAccess,
-// or root itself when subKey is empty) by index from 0.
+// or root itself when subKey is null or empty) by index from 0. Names of any
+// length the registry allows (up to 255 characters, longer ones where the
+// registry holds them) are returned whole.
 class CEnumKey {
 public:
     CEnumKey(HKEY root, const wchar_t* subKey, REGSAM extraAccess);
     virtual ~CEnumKey() = default;
     bool IsOpen() const { return m_key.valid() || m_useRoot; }
-    // The name at `index`; false when the enumeration ends or fails.
+    // The name at `index`; false (name empty) when the enumeration ends or fails.
     bool Next(DWORD index, std::wstring& name);
 
 private:

@@ -1,0 +1,197 @@
+#include "registry/reg_util.h"
+
+#include "common/strutil.h"
+
+#include <vector>
+
+namespace kw {
+
+namespace {
+
+// Read access used by the enumerator: KEY_READ spelt as its value.
+constexpr REGSAM kEnumAccess = 0x20019;
+// Longest text the expansion wrapper will produce before it is cut; the
+// environment block itself is limited to this size.
+constexpr DWORD kExpandMaxCch = 32767;
+// Longest sub-key name the enumerator grows its buffer to.
+constexpr DWORD kKeyNameMaxCch = 32767;
+
+// Opens root\subKey for reading in the view that `extraAccess` names; an empty
+// sub-key path opens root itself again.
+LONG OpenForRead(HKEY root, const wchar_t* subKey, REGSAM extraAccess, unique_hkey& key) noexcept {
+    return RegOpenKeyExW(root, subKey ? subKey : L"", 0, KEY_READ | extraAccess, key.put());
+}
+
+// Reads a value's raw bytes whole into `data` (its size is the size the
+// registry reports). Retries when the value grows between the size query and
+// the read.
+LONG ReadRawValue(HKEY key, const wchar_t* valueName, DWORD& type, std::vector<BYTE>& data) noexcept {
+    try {
+        for (int attempt = 0; attempt < 4; ++attempt) {
+            DWORD cb = 0;
+            LONG rc = RegQueryValueExW(key, valueName, nullptr, &type, nullptr, &cb);
+            if (rc != ERROR_SUCCESS) return rc;
+            data.assign(cb, 0);
+            DWORD cbRead = cb;
+            rc = RegQueryValueExW(key, valueName, nullptr, &type, cb ? data.data() : nullptr, &cbRead);
+            if (rc == ERROR_MORE_DATA) continue;
+            if (rc != ERROR_SUCCESS) return rc;
+            data.resize(cbRead);
+            return ERROR_SUCCESS;
+        }
+        return ERROR_MORE_DATA;
+    } catch (...) {
+        return ERROR_NOT_ENOUGH_MEMORY;
+    }
+}
+
+// The characters of raw registry data: an odd last byte is dropped.
+size_t CharCount(const std::vector<BYTE>& data) noexcept { return data.size() / sizeof(wchar_t); }
+
+// Text of raw string data: up to the first NUL or the data's end, whichever
+// comes first.
+std::wstring TextOf(const std::vector<BYTE>& data) {
+    const wchar_t* p = reinterpret_cast<const wchar_t*>(data.data());
+    return std::wstring(p, LenBounded(p, CharCount(data)));
+}
+
+// Expands environment tokens of `src` into dst[cchDst], cutting the result at
+// cchDst - 1 characters and always terminating.
+// Length convention of ExpandEnvironmentStringsW: the answer counts the
+// terminating NUL, both when the text fit and when it names the size needed;
+// 0 means failure. A too-small buffer's content is not relied on, so a result
+// that does not fit is expanded again into a buffer of the size asked for and
+// then cut.
+bool ExpandEnvBounded(const wchar_t* src, wchar_t* dst, size_t cchDst) noexcept {
+    if (!dst || cchDst == 0) return false;
+    dst[0] = L'\0';
+    DWORD cchNeeded = ExpandEnvironmentStringsW(src, dst, static_cast<DWORD>(cchDst));
+    if (cchNeeded == 0) {
+        dst[0] = L'\0';
+        return false;
+    }
+    if (cchNeeded <= cchDst) {
+        dst[cchNeeded - 1] = L'\0';
+        return true;
+    }
+    try {
+        DWORD cchBig = cchNeeded < kExpandMaxCch ? cchNeeded : kExpandMaxCch;
+        std::vector<wchar_t> big(cchBig + 1, L'\0');
+        DWORD cchGot = ExpandEnvironmentStringsW(src, big.data(), cchBig);
+        if (cchGot == 0 || cchGot > cchBig) {
+            dst[0] = L'\0';
+            return false;
+        }
+        CopyBounded(dst, cchDst, big.data(), cchGot);
+        return true;
+    } catch (...) {
+        dst[0] = L'\0';
+        return false;
+    }
+}
+
+// Whether `s` from `pos` holds the path component `name` (whole, any case);
+// on a match `pos` moves past it and past the separators that follow.
+bool TakeComponent(const wchar_t* s, size_t& pos, const wchar_t* name) noexcept {
+    size_t len = wcslen(name);
+    size_t end = pos;
+    while (s[end] && s[end] != L'\\') ++end;
+    if (end - pos != len) return false;
+    if (CompareStringOrdinal(s + pos, static_cast<int>(len), name, static_cast<int>(len), TRUE) !=
+        CSTR_EQUAL)
+        return false;
+    pos = end;
+    while (s[pos] == L'\\') ++pos;
+    return true;
+}
+
+}  // namespace
+
+bool RegReadExpandedString(HKEY root, const wchar_t* subKey, const wchar_t* valueName,
+                           REGSAM extraAccess, std::wstring& out) {
+    out.clear();
+    unique_hkey key;
+    if (OpenForRead(root, subKey, extraAccess, key) != ERROR_SUCCESS) return false;
+    DWORD type = 0;
+    std::vector<BYTE> data;
+    if (ReadRawValue(key.get(), valueName, type, data) != ERROR_SUCCESS) return false;
+    if (type != REG_SZ && type != REG_EXPAND_SZ) return false;
+
+    std::wstring text = TextOf(data);
+    wchar_t value[kExpandedValueCch];
+    if (type == REG_EXPAND_SZ) {
+        if (!ExpandEnvBounded(text.c_str(), value, kExpandedValueCch)) return false;
+    } else {
+        CopyBounded(value, kExpandedValueCch, text.c_str());
+    }
+    out.assign(value);
+    return true;
+}
+
+bool RegReadMultiString(HKEY root, const wchar_t* subKey, const wchar_t* valueName,
+                        REGSAM extraAccess, std::wstring& raw) {
+    raw.clear();
+    unique_hkey key;
+    if (OpenForRead(root, subKey, extraAccess, key) != ERROR_SUCCESS) return false;
+    DWORD type = 0;
+    std::vector<BYTE> data;
+    if (ReadRawValue(key.get(), valueName, type, data) != ERROR_SUCCESS) return false;
+    if (type != REG_MULTI_SZ && type != REG_SZ && type != REG_EXPAND_SZ) return false;
+
+    size_t cch = CharCount(data);
+    const wchar_t* p = reinterpret_cast<const wchar_t*>(data.data());
+    while (cch > 0 && p[cch - 1] == L'\0') --cch;
+    raw.assign(p, cch);
+    return true;
+}
+
+bool IsWow6432NodePath(HKEY root, const wchar_t* subKey) {
+    if (!subKey) return false;
+    const bool machine = root == HKEY_LOCAL_MACHINE;
+    const bool user = root == HKEY_CURRENT_USER;
+    if (!machine && !user) return false;
+
+    size_t pos = 0;
+    while (subKey[pos] == L'\\') ++pos;
+    if (!TakeComponent(subKey, pos, L"Software")) return false;
+    if (machine) {
+        size_t afterSoftware = pos;
+        if (TakeComponent(subKey, pos, L"Wow6432Node")) return true;
+        pos = afterSoftware;
+    }
+    return TakeComponent(subKey, pos, L"Classes") && TakeComponent(subKey, pos, L"Wow6432Node");
+}
+
+CEnumKey::CEnumKey(HKEY root, const wchar_t* subKey, REGSAM extraAccess) : m_root(root) {
+    if (!subKey || !subKey[0]) {
+        m_useRoot = true;
+        return;
+    }
+    RegOpenKeyExW(root, subKey, 0, kEnumAccess | extraAccess, m_key.put());
+}
+
+bool CEnumKey::Next(DWORD index, std::wstring& name) {
+    name.clear();
+    HKEY key = m_useRoot ? m_root : m_key.get();
+    if (!key) return false;
+    try {
+        // A registry key name has at most 255 characters; a longer one (which
+        // some registries hold) makes the buffer grow instead of ending the walk.
+        std::vector<wchar_t> buf(256, L'\0');
+        for (;;) {
+            DWORD cch = static_cast<DWORD>(buf.size());
+            LONG rc = RegEnumKeyExW(key, index, buf.data(), &cch, nullptr, nullptr, nullptr, nullptr);
+            if (rc == ERROR_SUCCESS) {
+                name.assign(buf.data(), LenBounded(buf.data(), cch < buf.size() ? cch : buf.size()));
+                return true;
+            }
+            if (rc != ERROR_MORE_DATA || buf.size() > kKeyNameMaxCch) return false;
+            buf.assign(buf.size() * 2, L'\0');
+        }
+    } catch (...) {
+        name.clear();
+        return false;
+    }
+}
+
+}  // namespace kw

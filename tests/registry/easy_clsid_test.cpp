@@ -1,0 +1,451 @@
+#include "registry/easy_clsid.h"
+
+#include "support/fixtures.h"
+
+#include <gtest/gtest.h>
+#include <objbase.h>
+
+#include <memory>
+#include <ostream>
+#include <string>
+#include <vector>
+
+using namespace kw;
+
+namespace {
+
+constexpr DWORD kUsers = 0x80000003;
+constexpr DWORD kMachine = 0x80000002;
+
+std::string Sanitize(const char* name) {
+    std::string s;
+    for (const char* p = name; *p; ++p) s.push_back(isalnum(static_cast<unsigned char>(*p)) ? *p : '_');
+    return s;
+}
+
+// A CLSID text no registry holds yet: a fresh GUID for every call.
+std::wstring FreshClsid() {
+    GUID g;
+    EXPECT_EQ(S_OK, CoCreateGuid(&g));
+    wchar_t text[64] = {0};
+    StringFromGUID2(g, text, 64);
+    return text;
+}
+
+bool IsWow64() {
+    BOOL wow64 = FALSE;
+    IsWow64Process(GetCurrentProcess(), &wow64);
+    return wow64 != FALSE;
+}
+
+// A class key made for one test. It remembers the highest key on its path
+// that did not exist before (a fresh prefix may lack the per-user CLSID key,
+// for example) and deletes that key with everything below on scope exit.
+class ClassRegistration {
+public:
+    // path: class key below root, e.g. "<sid>\Software\Classes\CLSID\{...}".
+    ClassRegistration(HKEY root, std::wstring path, REGSAM view) : m_root(root), m_path(std::move(path)), m_view(view) {
+        m_topCreated = m_path;
+        for (size_t cut = m_path.rfind(L'\\'); cut != std::wstring::npos && cut > 0; cut = m_path.rfind(L'\\', cut - 1)) {
+            std::wstring parent = m_path.substr(0, cut);
+            if (kwtest::RegKeyExists(m_root, parent, m_view)) break;
+            m_topCreated = parent;
+        }
+        m_created = kwtest::RegCreate(m_root, m_path, m_view);
+    }
+    ~ClassRegistration() { kwtest::RegDeleteTreeView(m_root, m_topCreated, m_view); }
+    ClassRegistration(const ClassRegistration&) = delete;
+    ClassRegistration& operator=(const ClassRegistration&) = delete;
+
+    bool Created() const { return m_created; }
+    bool SetServer(const wchar_t* server, const std::wstring& value, DWORD type = REG_SZ) {
+        return kwtest::RegSetSz(m_root, m_path + L"\\" + server, L"", value, m_view, type);
+    }
+    bool SetServerRaw(const wchar_t* server, DWORD type, const std::vector<BYTE>& data) {
+        return kwtest::RegSetRaw(m_root, m_path + L"\\" + server, L"", type, data.data(),
+                                 static_cast<DWORD>(data.size()), m_view);
+    }
+    bool CreateServerKey(const wchar_t* server) { return kwtest::RegCreate(m_root, m_path + L"\\" + server, m_view); }
+
+private:
+    HKEY m_root;
+    std::wstring m_path;
+    std::wstring m_topCreated;
+    REGSAM m_view;
+    bool m_created = false;
+};
+
+std::wstring UserClassPath(const std::wstring& sid, const std::wstring& clsid, bool wow6432 = false) {
+    return sid + (wow6432 ? L"\\Software\\Classes\\Wow6432Node\\CLSID\\" : L"\\Software\\Classes\\CLSID\\") + clsid;
+}
+std::wstring MachineClassPath(const std::wstring& clsid) { return L"Software\\Classes\\CLSID\\" + clsid; }
+
+struct Server {
+    std::wstring path;
+    std::wstring keyName;
+    DWORD root;
+    bool operator==(const Server& o) const { return path == o.path && keyName == o.keyName && root == o.root; }
+};
+
+std::vector<Server> ServersOf(const CEasyClsid& c) {
+    std::vector<Server> out;
+    for (const ClsidServer& s : c.Servers()) out.push_back(Server{s.path, s.keyName, s.reserved});
+    return out;
+}
+
+void PrintTo(const Server& s, std::ostream* os) {
+    *os << "{" << ::testing::PrintToString(s.path) << ", " << ::testing::PrintToString(s.keyName) << ", 0x" << std::hex
+        << s.root << "}";
+}
+
+// ---------------------------------------------------------------------------
+// Where a class is registered, and which servers it has.
+
+struct RegistrationRow {
+    const char* name;
+    const wchar_t* userInproc;     // null: no such server key
+    const wchar_t* userLocal;
+    const wchar_t* machineInproc;
+    const wchar_t* machineLocal;
+    bool userClassKey;             // create the per-user class key
+    bool machineClassKey;          // create the per-machine class key
+    bool passSid;
+    BOOL expectedFound;
+    DWORD expectedRoot;
+    std::vector<Server> expected;
+};
+
+void PrintTo(const RegistrationRow& row, std::ostream* os) { *os << row.name; }
+
+class CEasyClsidRegistrationTest : public ::testing::TestWithParam<RegistrationRow> {};
+
+TEST_P(CEasyClsidRegistrationTest, FindsServersInOrder) {
+    const RegistrationRow& r = GetParam();
+    const std::wstring sid = kwtest::CurrentUserSid();
+    ASSERT_FALSE(sid.empty());
+    const std::wstring clsid = FreshClsid();
+
+    std::unique_ptr<ClassRegistration> user, machine;
+    if (r.userClassKey) {
+        user.reset(new ClassRegistration(HKEY_USERS, UserClassPath(sid, clsid), KEY_WOW64_64KEY));
+        ASSERT_TRUE(user->Created());
+        if (r.userInproc) {
+            ASSERT_TRUE(user->SetServer(L"InprocServer32", r.userInproc));
+        }
+        if (r.userLocal) {
+            ASSERT_TRUE(user->SetServer(L"LocalServer32", r.userLocal));
+        }
+    }
+    if (r.machineClassKey) {
+        machine.reset(new ClassRegistration(HKEY_LOCAL_MACHINE, MachineClassPath(clsid), KEY_WOW64_64KEY));
+        ASSERT_TRUE(machine->Created());
+        if (r.machineInproc) {
+            ASSERT_TRUE(machine->SetServer(L"InprocServer32", r.machineInproc));
+        }
+        if (r.machineLocal) {
+            ASSERT_TRUE(machine->SetServer(L"LocalServer32", r.machineLocal));
+        }
+    }
+
+    CEasyClsid lookup(r.passSid ? sid.c_str() : nullptr, clsid.c_str(), FALSE);
+    EXPECT_EQ(r.expectedFound, lookup.Found());
+    EXPECT_EQ(r.expectedRoot, lookup.RootKey());
+    EXPECT_EQ(r.expected, ServersOf(lookup));
+    EXPECT_EQ(clsid, lookup.Clsid());
+}
+
+const wchar_t kUserDll[] = L"C:\\Users\\kw\\AppData\\user.dll";
+const wchar_t kUserExe[] = L"\"C:\\Users\\kw\\AppData\\user.exe\" /automation";
+const wchar_t kMachineDll[] = L"%SystemRoot%\\system32\\machine.dll";
+const wchar_t kMachineExe[] = L"C:\\Program Files\\kw\\machine.exe -Embedding";
+
+INSTANTIATE_TEST_SUITE_P(
+    Rows, CEasyClsidRegistrationTest,
+    ::testing::Values(
+        RegistrationRow{"per-user and per-machine: user servers first, root HKLM", kUserDll, kUserExe, kMachineDll, kMachineExe,
+                        true, true, true, 1, kMachine,
+                        {{kUserDll, L"InprocServer32", kUsers}, {kUserExe, L"LocalServer32", kUsers},
+                         {kMachineDll, L"InprocServer32", kMachine}, {kMachineExe, L"LocalServer32", kMachine}}},
+        RegistrationRow{"per-machine only", nullptr, nullptr, kMachineDll, kMachineExe, false, true, true, 1, kMachine,
+                        {{kMachineDll, L"InprocServer32", kMachine}, {kMachineExe, L"LocalServer32", kMachine}}},
+        RegistrationRow{"per-user only: root HKU", kUserDll, kUserExe, nullptr, nullptr, true, false, true, 1, kUsers,
+                        {{kUserDll, L"InprocServer32", kUsers}, {kUserExe, L"LocalServer32", kUsers}}},
+        RegistrationRow{"per-user only but no SID given: not found", kUserDll, kUserExe, nullptr, nullptr, true, false, false, 0,
+                        kMachine, {}},
+        RegistrationRow{"both but no SID given: machine servers only", kUserDll, kUserExe, kMachineDll, kMachineExe, true, true,
+                        false, 1, kMachine,
+                        {{kMachineDll, L"InprocServer32", kMachine}, {kMachineExe, L"LocalServer32", kMachine}}},
+        RegistrationRow{"InprocServer32 only", nullptr, nullptr, kMachineDll, nullptr, false, true, true, 1, kMachine,
+                        {{kMachineDll, L"InprocServer32", kMachine}}},
+        RegistrationRow{"LocalServer32 only", nullptr, nullptr, nullptr, kMachineExe, false, true, true, 1, kMachine,
+                        {{kMachineExe, L"LocalServer32", kMachine}}},
+        RegistrationRow{"user InprocServer32 and machine LocalServer32", kUserDll, nullptr, nullptr, kMachineExe, true, true, true,
+                        1, kMachine, {{kUserDll, L"InprocServer32", kUsers}, {kMachineExe, L"LocalServer32", kMachine}}},
+        RegistrationRow{"class keys without servers: found, no servers", nullptr, nullptr, nullptr, nullptr, true, true, true, 1,
+                        kMachine, {}},
+        RegistrationRow{"user class key without servers: found under HKU", nullptr, nullptr, nullptr, nullptr, true, false, true,
+                        1, kUsers, {}},
+        RegistrationRow{"nothing registered: not found, root HKLM", nullptr, nullptr, nullptr, nullptr, false, false, true, 0,
+                        kMachine, {}}),
+    [](const ::testing::TestParamInfo<RegistrationRow>& i) { return Sanitize(i.param.name); });
+
+// ---------------------------------------------------------------------------
+// The server value as the registry holds it.
+
+std::vector<BYTE> WideBytes(const std::wstring& text, bool terminate, size_t extraOddBytes = 0) {
+    std::vector<BYTE> b(reinterpret_cast<const BYTE*>(text.data()), reinterpret_cast<const BYTE*>(text.data() + text.size()));
+    if (terminate) b.insert(b.end(), {0, 0});
+    for (size_t i = 0; i < extraOddBytes; ++i) b.push_back('x');
+    return b;
+}
+
+struct ValueRow {
+    const char* name;
+    bool setValue;  // false: the server key exists without a default value
+    DWORD type;
+    std::vector<BYTE> data;
+    bool expectedServer;
+    std::wstring expectedPath;
+};
+
+void PrintTo(const ValueRow& row, std::ostream* os) { *os << row.name; }
+
+class CEasyClsidValueTest : public ::testing::TestWithParam<ValueRow> {};
+
+TEST_P(CEasyClsidValueTest, ReadsTheDefaultValue) {
+    const ValueRow& r = GetParam();
+    const std::wstring clsid = FreshClsid();
+    ClassRegistration machine(HKEY_LOCAL_MACHINE, MachineClassPath(clsid), KEY_WOW64_64KEY);
+    ASSERT_TRUE(machine.Created());
+    if (r.setValue) {
+        ASSERT_TRUE(machine.SetServerRaw(L"InprocServer32", r.type, r.data));
+    } else {
+        ASSERT_TRUE(machine.CreateServerKey(L"InprocServer32"));
+    }
+
+    CEasyClsid lookup(nullptr, clsid.c_str(), FALSE);
+    EXPECT_EQ(1, lookup.Found());
+    std::vector<Server> expected;
+    if (r.expectedServer) expected.push_back(Server{r.expectedPath, L"InprocServer32", kMachine});
+    EXPECT_EQ(expected, ServersOf(lookup));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Rows, CEasyClsidValueTest,
+    ::testing::Values(
+        ValueRow{"terminated REG_SZ", true, REG_SZ, WideBytes(L"C:\\a.dll", true), true, L"C:\\a.dll"},
+        ValueRow{"value without terminator", true, REG_SZ, WideBytes(L"C:\\a.dll", false), true, L"C:\\a.dll"},
+        ValueRow{"odd size without terminator", true, REG_SZ, WideBytes(L"C:\\a.dll", false, 1), true, L"C:\\a.dll"},
+        ValueRow{"odd size after the terminator", true, REG_SZ, WideBytes(L"C:\\a.dll", true, 1), true, L"C:\\a.dll"},
+        ValueRow{"REG_EXPAND_SZ is kept unexpanded", true, REG_EXPAND_SZ, WideBytes(L"%SystemRoot%\\a.dll", true), true,
+                 L"%SystemRoot%\\a.dll"},
+        ValueRow{"empty string value is read as an empty path", true, REG_SZ, WideBytes(L"", true), true, L""},
+        ValueRow{"2047 characters fill the 4096-byte buffer", true, REG_SZ, WideBytes(std::wstring(2047, L'p'), true), true,
+                 std::wstring(2047, L'p')},
+        ValueRow{"2048 characters are cut to 2047", true, REG_SZ, WideBytes(std::wstring(2048, L'p'), true), true,
+                 std::wstring(2047, L'p')},
+        ValueRow{"2048 characters without terminator are cut to 2047", true, REG_SZ, WideBytes(std::wstring(2048, L'p'), false),
+                 true, std::wstring(2047, L'p')},
+        ValueRow{"REG_DWORD is not a server path", true, REG_DWORD, {1, 0, 0, 0}, false, L""},
+        ValueRow{"REG_BINARY is not a server path", true, REG_BINARY, WideBytes(L"C:\\a.dll", true), false, L""},
+        ValueRow{"server key without a default value adds nothing", false, REG_NONE, {}, false, L""}),
+    [](const ::testing::TestParamInfo<ValueRow>& i) { return Sanitize(i.param.name); });
+
+// ---------------------------------------------------------------------------
+// The CLSID text as the caller passes it.
+
+TEST(CEasyClsidText, TrailingCharactersAreCutAfterTheBrace) {
+    const std::wstring clsid = FreshClsid();
+    ClassRegistration machine(HKEY_LOCAL_MACHINE, MachineClassPath(clsid), KEY_WOW64_64KEY);
+    ASSERT_TRUE(machine.SetServer(L"InprocServer32", L"C:\\t.dll"));
+    const std::wstring texts[] = {clsid + L"xyz", clsid + L"\\InprocServer32", clsid + L"}", clsid + L" ,1"};
+    for (const std::wstring& text : texts) {
+        SCOPED_TRACE(::testing::PrintToString(text));
+        CEasyClsid lookup(nullptr, text.c_str(), FALSE);
+        EXPECT_EQ(clsid, lookup.Clsid());
+        EXPECT_EQ(1, lookup.Found());
+        EXPECT_EQ((std::vector<Server>{{L"C:\\t.dll", L"InprocServer32", kMachine}}), ServersOf(lookup));
+        EXPECT_EQ(L"Software\\Classes\\CLSID\\" + clsid, lookup.m_szMachinePath);
+    }
+}
+
+TEST(CEasyClsidText, LowerCaseTextFindsTheClass) {
+    const std::wstring clsid = FreshClsid();
+    ClassRegistration machine(HKEY_LOCAL_MACHINE, MachineClassPath(clsid), KEY_WOW64_64KEY);
+    ASSERT_TRUE(machine.SetServer(L"LocalServer32", L"C:\\l.exe"));
+    std::wstring lower = kwtest::Upper(clsid);
+    CharLowerBuffW(&lower[0], static_cast<DWORD>(lower.size()));
+    CEasyClsid lookup(nullptr, lower.c_str(), FALSE);
+    EXPECT_EQ(1, lookup.Found());
+    EXPECT_EQ((std::vector<Server>{{L"C:\\l.exe", L"LocalServer32", kMachine}}), ServersOf(lookup));
+}
+
+struct InvalidTextRow {
+    const char* name;
+    const wchar_t* text;
+    const wchar_t* expectedClsidBuffer;
+};
+
+void PrintTo(const InvalidTextRow& row, std::ostream* os) { *os << row.name; }
+
+class CEasyClsidInvalidTextTest : public ::testing::TestWithParam<InvalidTextRow> {};
+
+TEST_P(CEasyClsidInvalidTextTest, FindsNothing) {
+    const InvalidTextRow& r = GetParam();
+    CEasyClsid lookup(kwtest::CurrentUserSid().c_str(), r.text, TRUE);
+    EXPECT_EQ(0, lookup.Found());
+    EXPECT_EQ(0u, lookup.RootKey());
+    EXPECT_TRUE(lookup.Servers().empty());
+    EXPECT_EQ(std::wstring(r.expectedClsidBuffer), lookup.Clsid());
+    EXPECT_EQ(std::wstring(), lookup.m_szMachinePath);
+    EXPECT_EQ(std::wstring(), lookup.m_szUserPath);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Rows, CEasyClsidInvalidTextTest,
+    ::testing::Values(
+        InvalidTextRow{"null text", nullptr, L""},
+        InvalidTextRow{"empty text", L"", L""},
+        InvalidTextRow{"closing brace missing", L"{0123ABCD-4567-89EF-ABCD-0123456789EF", L"{0123ABCD-4567-89EF-ABCD-0123456789EF"},
+        InvalidTextRow{"early brace cuts the text short", L"{0123ABCD}-4567-89EF-ABCD-0123456789EF}", L"{0123ABCD}"},
+        InvalidTextRow{"not hex", L"{0123ABCD-4567-89EF-ABCD-0123456789EG}", L"{0123ABCD-4567-89EF-ABCD-0123456789EG}"},
+        InvalidTextRow{"braces missing", L"0123ABCD-4567-89EF-ABCD-0123456789EF", L"0123ABCD-4567-89EF-ABCD-0123456789EF"}),
+    [](const ::testing::TestParamInfo<InvalidTextRow>& i) { return Sanitize(i.param.name); });
+
+TEST(CEasyClsidText, LongTextIsCutToTheBuffer) {
+    std::wstring text(400, L'x');
+    CEasyClsid lookup(nullptr, text.c_str(), FALSE);
+    EXPECT_EQ(std::wstring(259, L'x'), lookup.Clsid());
+    EXPECT_EQ(0, lookup.Found());
+}
+
+// ---------------------------------------------------------------------------
+// The key paths the lookup forms.
+
+TEST(CEasyClsidPaths, WithAndWithoutSid) {
+    const std::wstring clsid = FreshClsid();
+    {
+        CEasyClsid lookup(L"S-1-5-21-7-8-9-1001", clsid.c_str(), FALSE);
+        EXPECT_EQ(L"Software\\Classes\\CLSID\\" + clsid, lookup.m_szMachinePath);
+        EXPECT_EQ(L"S-1-5-21-7-8-9-1001\\Software\\Classes\\CLSID\\" + clsid, lookup.m_szUserPath);
+        EXPECT_EQ(0, lookup.m_bWow6432Node);
+    }
+    for (const wchar_t* noSid : {static_cast<const wchar_t*>(nullptr), L""}) {
+        CEasyClsid lookup(noSid, clsid.c_str(), FALSE);
+        EXPECT_EQ(L"Software\\Classes\\CLSID\\" + clsid, lookup.m_szUserPath);
+    }
+}
+
+TEST(CEasyClsidPaths, Wow6432NodeFormsOnlyUnderWow64WithTheFlag) {
+    const std::wstring clsid = FreshClsid();
+    CEasyClsid withSid(L"S-1-5-21-7-8-9-1001", clsid.c_str(), TRUE);
+    CEasyClsid noSid(nullptr, clsid.c_str(), 5);  // any non-zero flag
+    EXPECT_EQ(5, noSid.m_bWow6432Node);
+    if (IsWow64()) {
+        EXPECT_EQ(L"Software\\Classes\\Wow6432Node\\CLSID\\" + clsid, withSid.m_szMachinePath);
+        EXPECT_EQ(L"S-1-5-21-7-8-9-1001\\Software\\Classes\\Wow6432Node\\CLSID\\" + clsid, withSid.m_szUserPath);
+        EXPECT_EQ(L"Software\\Classes\\Wow6432Node\\CLSID\\" + clsid, noSid.m_szUserPath);
+    } else {
+        EXPECT_EQ(L"Software\\Classes\\CLSID\\" + clsid, withSid.m_szMachinePath);
+        EXPECT_EQ(L"S-1-5-21-7-8-9-1001\\Software\\Classes\\CLSID\\" + clsid, withSid.m_szUserPath);
+    }
+}
+
+TEST(CEasyClsidPaths, LongSidIsCutToThePathBuffer) {
+    const std::wstring clsid = FreshClsid();
+    std::wstring sid = L"S-1-5-21-" + std::wstring(300, L'9');
+    CEasyClsid lookup(sid.c_str(), clsid.c_str(), FALSE);
+    EXPECT_EQ(259u, wcslen(lookup.m_szUserPath));
+    EXPECT_EQ(0, wcsncmp(lookup.m_szUserPath, sid.c_str(), 259));
+    EXPECT_EQ(0, lookup.Found());
+}
+
+// ---------------------------------------------------------------------------
+// The 32-bit registry view of a WOW64 process.
+
+class CEasyClsidViewTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        if (!IsWow64()) GTEST_SKIP() << "needs a 32-bit process on 64-bit Windows";
+    }
+};
+
+// A machine class registered only by a 32-bit writer lands in the
+// Wow6432Node node: found with the flag, not without.
+TEST_F(CEasyClsidViewTest, MachineClassOnlyIn32BitView) {
+    const std::wstring clsid = FreshClsid();
+    ClassRegistration reg(HKEY_LOCAL_MACHINE, MachineClassPath(clsid), KEY_WOW64_32KEY);
+    ASSERT_TRUE(reg.SetServer(L"InprocServer32", L"C:\\Windows\\SysWOW64\\x32.dll"));
+    ASSERT_FALSE(kwtest::RegKeyExists(HKEY_LOCAL_MACHINE, MachineClassPath(clsid), KEY_WOW64_64KEY))
+        << "the registry must keep the two views apart";
+
+    CEasyClsid with32(nullptr, clsid.c_str(), TRUE);
+    EXPECT_EQ(1, with32.Found());
+    EXPECT_EQ(kMachine, with32.RootKey());
+    EXPECT_EQ((std::vector<Server>{{L"C:\\Windows\\SysWOW64\\x32.dll", L"InprocServer32", kMachine}}), ServersOf(with32));
+
+    CEasyClsid native(nullptr, clsid.c_str(), FALSE);
+    EXPECT_EQ(0, native.Found());
+    EXPECT_TRUE(native.Servers().empty());
+}
+
+TEST_F(CEasyClsidViewTest, MachineClassOnlyIn64BitView) {
+    const std::wstring clsid = FreshClsid();
+    ClassRegistration reg(HKEY_LOCAL_MACHINE, MachineClassPath(clsid), KEY_WOW64_64KEY);
+    ASSERT_TRUE(reg.SetServer(L"LocalServer32", L"C:\\Windows\\System32\\x64.exe"));
+    ASSERT_FALSE(kwtest::RegKeyExists(HKEY_LOCAL_MACHINE, MachineClassPath(clsid), KEY_WOW64_32KEY));
+
+    CEasyClsid native(nullptr, clsid.c_str(), FALSE);
+    EXPECT_EQ(1, native.Found());
+    EXPECT_EQ((std::vector<Server>{{L"C:\\Windows\\System32\\x64.exe", L"LocalServer32", kMachine}}), ServersOf(native));
+
+    CEasyClsid with32(nullptr, clsid.c_str(), TRUE);
+    EXPECT_EQ(0, with32.Found());
+    EXPECT_TRUE(with32.Servers().empty());
+}
+
+// Both views hold the class with different servers: each lookup sees only its own.
+TEST_F(CEasyClsidViewTest, EachViewSeesOnlyItsOwnServers) {
+    const std::wstring clsid = FreshClsid();
+    ClassRegistration reg64(HKEY_LOCAL_MACHINE, MachineClassPath(clsid), KEY_WOW64_64KEY);
+    ClassRegistration reg32(HKEY_LOCAL_MACHINE, MachineClassPath(clsid), KEY_WOW64_32KEY);
+    ASSERT_TRUE(reg64.SetServer(L"InprocServer32", L"C:\\native.dll"));
+    ASSERT_TRUE(reg32.SetServer(L"InprocServer32", L"C:\\wow.dll"));
+    EXPECT_EQ((std::vector<Server>{{L"C:\\native.dll", L"InprocServer32", kMachine}}),
+              ServersOf(CEasyClsid(nullptr, clsid.c_str(), FALSE)));
+    EXPECT_EQ((std::vector<Server>{{L"C:\\wow.dll", L"InprocServer32", kMachine}}),
+              ServersOf(CEasyClsid(nullptr, clsid.c_str(), TRUE)));
+}
+
+// Per-user 32-bit classes live physically under
+// "<sid>\Software\Classes\Wow6432Node\CLSID" (the fixture writes that key
+// directly: Wine does not redirect a 32-bit writer's per-user classes).
+TEST_F(CEasyClsidViewTest, UserClassOnlyIn32BitNode) {
+    const std::wstring sid = kwtest::CurrentUserSid();
+    const std::wstring clsid = FreshClsid();
+    ClassRegistration reg(HKEY_USERS, UserClassPath(sid, clsid, true), KEY_WOW64_64KEY);
+    ASSERT_TRUE(reg.SetServer(L"InprocServer32", L"C:\\Users\\kw\\wow-user.dll"));
+
+    CEasyClsid with32(sid.c_str(), clsid.c_str(), TRUE);
+    EXPECT_EQ(1, with32.Found());
+    EXPECT_EQ(kUsers, with32.RootKey());
+    EXPECT_EQ((std::vector<Server>{{L"C:\\Users\\kw\\wow-user.dll", L"InprocServer32", kUsers}}), ServersOf(with32));
+
+    CEasyClsid native(sid.c_str(), clsid.c_str(), FALSE);
+    EXPECT_EQ(0, native.Found());
+}
+
+TEST_F(CEasyClsidViewTest, UserAndMachineIn32BitNode) {
+    const std::wstring sid = kwtest::CurrentUserSid();
+    const std::wstring clsid = FreshClsid();
+    ClassRegistration user(HKEY_USERS, UserClassPath(sid, clsid, true), KEY_WOW64_64KEY);
+    ClassRegistration machine(HKEY_LOCAL_MACHINE, MachineClassPath(clsid), KEY_WOW64_32KEY);
+    ASSERT_TRUE(user.SetServer(L"LocalServer32", L"C:\\u32.exe"));
+    ASSERT_TRUE(machine.SetServer(L"LocalServer32", L"C:\\m32.exe"));
+    CEasyClsid with32(sid.c_str(), clsid.c_str(), TRUE);
+    EXPECT_EQ(kMachine, with32.RootKey());
+    EXPECT_EQ((std::vector<Server>{{L"C:\\u32.exe", L"LocalServer32", kUsers}, {L"C:\\m32.exe", L"LocalServer32", kMachine}}),
+              ServersOf(with32));
+}
+
+}  // namespace

@@ -1,0 +1,371 @@
+#include "registry/reg_util.h"
+
+#include "support/fixtures.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <ostream>
+#include <string>
+#include <vector>
+
+using namespace kw;
+using kwtest::TempRegKey;
+
+namespace {
+
+std::string Sanitize(const char* name) {
+    std::string s;
+    for (const char* p = name; *p; ++p) s.push_back(isalnum(static_cast<unsigned char>(*p)) ? *p : '_');
+    return s;
+}
+
+// Raw value data: the bytes of a wide text, optionally without its terminator
+// and with extra odd bytes.
+std::vector<BYTE> WideBytes(const std::wstring& text, bool terminate, size_t extraOddBytes = 0) {
+    std::vector<BYTE> b(reinterpret_cast<const BYTE*>(text.data()),
+                        reinterpret_cast<const BYTE*>(text.data() + text.size()));
+    if (terminate) b.insert(b.end(), {0, 0});
+    for (size_t i = 0; i < extraOddBytes; ++i) b.push_back('x');
+    return b;
+}
+
+const wchar_t kVarShort[] = L"KWTEST_REGUTIL_SHORT";
+const wchar_t kVarLong[] = L"KWTEST_REGUTIL_LONG";
+const wchar_t kVarShortValue[] = L"C:\\kw";  // 5 characters
+
+// ---------------------------------------------------------------------------
+// RegReadExpandedString: one value per row, written raw into a fresh key.
+
+struct ExpandedRow {
+    const char* name;
+    DWORD type;
+    std::vector<BYTE> data;
+    bool expectedOk;
+    std::wstring expected;
+};
+
+void PrintTo(const ExpandedRow& row, std::ostream* os) { *os << row.name; }
+
+class RegReadExpandedStringTest : public ::testing::TestWithParam<ExpandedRow> {
+protected:
+    void SetUp() override {
+        SetEnvironmentVariableW(kVarShort, kVarShortValue);
+        SetEnvironmentVariableW(kVarLong, std::wstring(600, L'L').c_str());
+    }
+    void TearDown() override {
+        SetEnvironmentVariableW(kVarShort, nullptr);
+        SetEnvironmentVariableW(kVarLong, nullptr);
+    }
+};
+
+TEST_P(RegReadExpandedStringTest, ReadsCutsAndExpands) {
+    const ExpandedRow& r = GetParam();
+    TempRegKey key(HKEY_CURRENT_USER, L"Software");
+    ASSERT_TRUE(kwtest::RegSetRaw(HKEY_CURRENT_USER, key.Path(), L"v", r.type, r.data.data(),
+                                  static_cast<DWORD>(r.data.size())));
+    std::wstring out = L"stale";
+    EXPECT_EQ(r.expectedOk, RegReadExpandedString(HKEY_CURRENT_USER, key.Path().c_str(), L"v",
+                                                  KEY_WOW64_64KEY, out));
+    EXPECT_EQ(r.expected.size(), out.size());
+    EXPECT_EQ(r.expected, out);
+}
+
+std::wstring Chars(size_t n, wchar_t c = L'a') { return std::wstring(n, c); }
+
+INSTANTIATE_TEST_SUITE_P(
+    Rows, RegReadExpandedStringTest,
+    ::testing::Values(
+        ExpandedRow{"REG_SZ of 519 characters is kept whole", REG_SZ, WideBytes(Chars(519), true), true, Chars(519)},
+        ExpandedRow{"REG_SZ of 520 characters is cut to 519", REG_SZ, WideBytes(Chars(520), true), true, Chars(519)},
+        ExpandedRow{"REG_SZ of 521 characters is cut to 519", REG_SZ, WideBytes(Chars(521), true), true, Chars(519)},
+        ExpandedRow{"REG_SZ of 5000 characters is cut to 519", REG_SZ, WideBytes(Chars(5000), true), true, Chars(519)},
+        ExpandedRow{"REG_SZ tokens are not expanded", REG_SZ, WideBytes(L"%KWTEST_REGUTIL_SHORT%\\a.exe", true), true,
+                    L"%KWTEST_REGUTIL_SHORT%\\a.exe"},
+        ExpandedRow{"REG_EXPAND_SZ is expanded", REG_EXPAND_SZ, WideBytes(L"%KWTEST_REGUTIL_SHORT%\\a.exe", true), true,
+                    L"C:\\kw\\a.exe"},
+        ExpandedRow{"REG_EXPAND_SZ variable names ignore case", REG_EXPAND_SZ, WideBytes(L"%kwtest_regutil_short%", true), true,
+                    L"C:\\kw"},
+        ExpandedRow{"REG_EXPAND_SZ unknown variable stays", REG_EXPAND_SZ, WideBytes(L"%KWTEST_NOT_SET_ANYWHERE%\\x", true), true,
+                    L"%KWTEST_NOT_SET_ANYWHERE%\\x"},
+        ExpandedRow{"REG_EXPAND_SZ expanding to 519 characters is kept whole", REG_EXPAND_SZ,
+                    WideBytes(L"%KWTEST_REGUTIL_SHORT%" + Chars(514), true), true, L"C:\\kw" + Chars(514)},
+        ExpandedRow{"REG_EXPAND_SZ expanding to 520 characters is cut to 519", REG_EXPAND_SZ,
+                    WideBytes(L"%KWTEST_REGUTIL_SHORT%" + Chars(515), true), true, L"C:\\kw" + Chars(514)},
+        ExpandedRow{"REG_EXPAND_SZ expanding to 521 characters is cut to 519", REG_EXPAND_SZ,
+                    WideBytes(L"%KWTEST_REGUTIL_SHORT%" + Chars(516), true), true, L"C:\\kw" + Chars(514)},
+        ExpandedRow{"REG_EXPAND_SZ short text expanding past the buffer is cut", REG_EXPAND_SZ,
+                    WideBytes(L"%KWTEST_REGUTIL_LONG%\\x", true), true, Chars(519, L'L')},
+        ExpandedRow{"data without terminator", REG_SZ, WideBytes(L"abc", false), true, L"abc"},
+        ExpandedRow{"REG_EXPAND_SZ without terminator", REG_EXPAND_SZ, WideBytes(L"%KWTEST_REGUTIL_SHORT%", false), true, L"C:\\kw"},
+        ExpandedRow{"odd byte count drops the last byte", REG_SZ, WideBytes(L"abc", false, 1), true, L"abc"},
+        ExpandedRow{"odd byte count after the terminator", REG_SZ, WideBytes(L"abc", true, 1), true, L"abc"},
+        ExpandedRow{"text ends at an embedded NUL", REG_SZ, WideBytes(std::wstring(L"ab\0cd", 5), true), true, L"ab"},
+        ExpandedRow{"empty data (0 bytes) reads as empty text", REG_SZ, {}, true, L""},
+        ExpandedRow{"one byte of data reads as empty text", REG_SZ, {'a'}, true, L""},
+        ExpandedRow{"REG_DWORD is refused", REG_DWORD, {1, 0, 0, 0}, false, L""},
+        ExpandedRow{"REG_MULTI_SZ is refused", REG_MULTI_SZ, WideBytes(std::wstring(L"a\0b\0", 4), true), false, L""},
+        ExpandedRow{"REG_BINARY is refused", REG_BINARY, WideBytes(L"abc", true), false, L""}),
+    [](const ::testing::TestParamInfo<ExpandedRow>& i) { return Sanitize(i.param.name); });
+
+TEST(RegReadExpandedString, MissingValueKeyAndDefaultValue) {
+    TempRegKey key(HKEY_CURRENT_USER, L"Software");
+    std::wstring out = L"stale";
+    EXPECT_FALSE(RegReadExpandedString(HKEY_CURRENT_USER, key.Path().c_str(), L"absent", KEY_WOW64_64KEY, out));
+    EXPECT_TRUE(out.empty());
+
+    out = L"stale";
+    std::wstring missingKey = key.Path() + L"\\absent";
+    EXPECT_FALSE(RegReadExpandedString(HKEY_CURRENT_USER, missingKey.c_str(), L"v", KEY_WOW64_64KEY, out));
+    EXPECT_TRUE(out.empty());
+
+    // The default value is read with a null name.
+    ASSERT_TRUE(kwtest::RegSetSz(HKEY_CURRENT_USER, key.Path(), L"", L"default text"));
+    EXPECT_TRUE(RegReadExpandedString(HKEY_CURRENT_USER, key.Path().c_str(), nullptr, KEY_WOW64_64KEY, out));
+    EXPECT_EQ(L"default text", out);
+}
+
+TEST(RegReadExpandedString, EmptySubKeyReadsFromTheRootHandle) {
+    TempRegKey key(HKEY_CURRENT_USER, L"Software");
+    ASSERT_TRUE(kwtest::RegSetSz(HKEY_CURRENT_USER, key.Path(), L"v", L"from the handle"));
+    HKEY h = nullptr;
+    ASSERT_EQ(ERROR_SUCCESS, RegOpenKeyExW(HKEY_CURRENT_USER, key.Path().c_str(), 0, KEY_READ, &h));
+    std::wstring out;
+    EXPECT_TRUE(RegReadExpandedString(h, L"", L"v", 0, out));
+    EXPECT_EQ(L"from the handle", out);
+    EXPECT_TRUE(RegReadExpandedString(h, nullptr, L"v", 0, out));
+    EXPECT_EQ(L"from the handle", out);
+    RegCloseKey(h);
+}
+
+// HKLM\Software has two views on 64-bit Windows: a value written only in the
+// 32-bit view is seen with KEY_WOW64_32KEY (and the analyzers' high bit may be
+// added) and not with KEY_WOW64_64KEY.
+TEST(RegReadExpandedString, ReadsTheViewItIsAskedFor) {
+    BOOL wow64 = FALSE;
+    IsWow64Process(GetCurrentProcess(), &wow64);
+    if (!wow64) GTEST_SKIP() << "needs a 32-bit process on 64-bit Windows";
+    TempRegKey key(HKEY_LOCAL_MACHINE, L"Software", KEY_WOW64_32KEY);
+    ASSERT_TRUE(kwtest::RegSetSz(HKEY_LOCAL_MACHINE, key.Path(), L"v", L"32-bit text", KEY_WOW64_32KEY));
+    std::wstring out;
+    EXPECT_TRUE(RegReadExpandedString(HKEY_LOCAL_MACHINE, key.Path().c_str(), L"v", KEY_WOW64_32KEY, out));
+    EXPECT_EQ(L"32-bit text", out);
+    EXPECT_TRUE(RegReadExpandedString(HKEY_LOCAL_MACHINE, key.Path().c_str(), L"v", 0x80000000, out))
+        << "the process's own view with the high bit of the analyzers' flags";
+    EXPECT_EQ(L"32-bit text", out);
+    EXPECT_FALSE(RegReadExpandedString(HKEY_LOCAL_MACHINE, key.Path().c_str(), L"v", KEY_WOW64_64KEY, out));
+    EXPECT_TRUE(out.empty());
+}
+
+// ---------------------------------------------------------------------------
+// RegReadMultiString
+
+struct MultiRow {
+    const char* name;
+    DWORD type;
+    std::vector<BYTE> data;
+    bool expectedOk;
+    std::wstring expected;
+};
+
+void PrintTo(const MultiRow& row, std::ostream* os) { *os << row.name; }
+
+class RegReadMultiStringTest : public ::testing::TestWithParam<MultiRow> {
+protected:
+    void SetUp() override { SetEnvironmentVariableW(kVarShort, kVarShortValue); }
+    void TearDown() override { SetEnvironmentVariableW(kVarShort, nullptr); }
+};
+
+TEST_P(RegReadMultiStringTest, ReadsWholeList) {
+    const MultiRow& r = GetParam();
+    TempRegKey key(HKEY_CURRENT_USER, L"Software");
+    ASSERT_TRUE(kwtest::RegSetRaw(HKEY_CURRENT_USER, key.Path(), L"m", r.type, r.data.data(),
+                                  static_cast<DWORD>(r.data.size())));
+    std::wstring raw = L"stale";
+    EXPECT_EQ(r.expectedOk, RegReadMultiString(HKEY_CURRENT_USER, key.Path().c_str(), L"m", KEY_WOW64_64KEY, raw));
+    EXPECT_EQ(r.expected, raw);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Rows, RegReadMultiStringTest,
+    ::testing::Values(
+        MultiRow{"two strings with both terminators", REG_MULTI_SZ, WideBytes(std::wstring(L"a.exe\0b.exe\0", 12), true), true,
+                 std::wstring(L"a.exe\0b.exe", 11)},
+        MultiRow{"final list NUL missing", REG_MULTI_SZ, WideBytes(std::wstring(L"a.exe\0b.exe", 11), true), true,
+                 std::wstring(L"a.exe\0b.exe", 11)},
+        MultiRow{"no NUL at all", REG_MULTI_SZ, WideBytes(L"a.exe", false), true, L"a.exe"},
+        MultiRow{"odd byte count", REG_MULTI_SZ, WideBytes(std::wstring(L"a\0b", 3), false, 1), true, std::wstring(L"a\0b", 3)},
+        MultiRow{"empty string inside the list stays", REG_MULTI_SZ, WideBytes(std::wstring(L"a\0\0b\0", 5), true), true,
+                 std::wstring(L"a\0\0b", 4)},
+        MultiRow{"empty list", REG_MULTI_SZ, WideBytes(L"", true), true, L""},
+        MultiRow{"long list is read whole", REG_MULTI_SZ, WideBytes(std::wstring(3000, L'm') + std::wstring(1, L'\0') + L"z", true),
+                 true, std::wstring(3000, L'm') + std::wstring(1, L'\0') + L"z"},
+        MultiRow{"REG_SZ is one string", REG_SZ, WideBytes(L"x.dll", true), true, L"x.dll"},
+        MultiRow{"REG_EXPAND_SZ is not expanded", REG_EXPAND_SZ, WideBytes(L"%KWTEST_REGUTIL_SHORT%", true), true,
+                 L"%KWTEST_REGUTIL_SHORT%"},
+        MultiRow{"REG_DWORD is refused", REG_DWORD, {7, 0, 0, 0}, false, L""}),
+    [](const ::testing::TestParamInfo<MultiRow>& i) { return Sanitize(i.param.name); });
+
+TEST(RegReadMultiString, MissingValueOrKey) {
+    TempRegKey key(HKEY_CURRENT_USER, L"Software");
+    std::wstring raw = L"stale";
+    EXPECT_FALSE(RegReadMultiString(HKEY_CURRENT_USER, key.Path().c_str(), L"absent", KEY_WOW64_64KEY, raw));
+    EXPECT_TRUE(raw.empty());
+    std::wstring missingKey = key.Path() + L"\\absent";
+    EXPECT_FALSE(RegReadMultiString(HKEY_CURRENT_USER, missingKey.c_str(), L"m", KEY_WOW64_64KEY, raw));
+}
+
+// ---------------------------------------------------------------------------
+// IsWow6432NodePath
+
+struct NodeRow {
+    const char* name;
+    HKEY root;
+    const wchar_t* subKey;
+    bool expected;
+};
+
+void PrintTo(const NodeRow& row, std::ostream* os) { *os << row.name; }
+
+class IsWow6432NodePathTest : public ::testing::TestWithParam<NodeRow> {};
+
+TEST_P(IsWow6432NodePathTest, Classifies) {
+    const NodeRow& r = GetParam();
+    EXPECT_EQ(r.expected, IsWow6432NodePath(r.root, r.subKey));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Rows, IsWow6432NodePathTest,
+    ::testing::Values(
+        NodeRow{"HKLM 32-bit software run key", HKEY_LOCAL_MACHINE, L"SOFTWARE\\Wow6432Node\\Microsoft\\Windows\\CurrentVersion\\Run", true},
+        NodeRow{"HKLM lower case", HKEY_LOCAL_MACHINE, L"software\\wow6432node\\x", true},
+        NodeRow{"HKLM mixed case", HKEY_LOCAL_MACHINE, L"SoFtWaRe\\WOW6432NODE\\x", true},
+        NodeRow{"HKLM node key itself at the end", HKEY_LOCAL_MACHINE, L"SOFTWARE\\Wow6432Node", true},
+        NodeRow{"HKLM node key with trailing backslash", HKEY_LOCAL_MACHINE, L"SOFTWARE\\Wow6432Node\\", true},
+        NodeRow{"HKLM leading backslash is ignored", HKEY_LOCAL_MACHINE, L"\\SOFTWARE\\Wow6432Node\\x", true},
+        NodeRow{"HKLM repeated separator is ignored", HKEY_LOCAL_MACHINE, L"SOFTWARE\\\\Wow6432Node\\x", true},
+        NodeRow{"HKLM 32-bit machine classes", HKEY_LOCAL_MACHINE, L"Software\\Classes\\Wow6432Node\\CLSID\\{0123ABCD-4567-89EF-ABCD-0123456789EF}", true},
+        NodeRow{"HKLM classes node key at the end", HKEY_LOCAL_MACHINE, L"Software\\Classes\\Wow6432Node", true},
+        NodeRow{"HKLM Wow6432NodeX is another key", HKEY_LOCAL_MACHINE, L"SOFTWARE\\Wow6432NodeX\\x", false},
+        NodeRow{"HKLM Wow6432NodeX at the end", HKEY_LOCAL_MACHINE, L"SOFTWARE\\Wow6432NodeX", false},
+        NodeRow{"HKLM Wow6432Nod is too short", HKEY_LOCAL_MACHINE, L"SOFTWARE\\Wow6432Nod\\x", false},
+        NodeRow{"HKLM classes Wow6432NodeX", HKEY_LOCAL_MACHINE, L"Software\\Classes\\Wow6432NodeX\\CLSID", false},
+        NodeRow{"HKLM SoftwareX is another key", HKEY_LOCAL_MACHINE, L"SoftwareX\\Wow6432Node\\x", false},
+        NodeRow{"HKLM node deeper than the view root", HKEY_LOCAL_MACHINE, L"SOFTWARE\\Microsoft\\Wow6432Node\\x", false},
+        NodeRow{"HKLM node below CLSID is an ordinary key", HKEY_LOCAL_MACHINE, L"Software\\Classes\\CLSID\\Wow6432Node", false},
+        NodeRow{"HKLM node at the top is not the view", HKEY_LOCAL_MACHINE, L"Wow6432Node\\x", false},
+        NodeRow{"HKLM native software key", HKEY_LOCAL_MACHINE, L"SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\Run", false},
+        NodeRow{"HKLM system key", HKEY_LOCAL_MACHINE, L"SYSTEM\\CurrentControlSet\\Services\\x", false},
+        NodeRow{"HKLM software key alone", HKEY_LOCAL_MACHINE, L"SOFTWARE", false},
+        NodeRow{"HKLM empty path", HKEY_LOCAL_MACHINE, L"", false},
+        NodeRow{"HKLM null path", HKEY_LOCAL_MACHINE, nullptr, false},
+        NodeRow{"HKCU 32-bit user classes", HKEY_CURRENT_USER, L"Software\\Classes\\Wow6432Node\\CLSID\\{0123ABCD-4567-89EF-ABCD-0123456789EF}", true},
+        NodeRow{"HKCU classes node lower case at the end", HKEY_CURRENT_USER, L"software\\classes\\wow6432node", true},
+        NodeRow{"HKCU software node is a shared ordinary key", HKEY_CURRENT_USER, L"Software\\Wow6432Node\\Microsoft", false},
+        NodeRow{"HKCU native classes", HKEY_CURRENT_USER, L"Software\\Classes\\CLSID\\x", false},
+        NodeRow{"HKU classes node is not tested", HKEY_USERS, L"S-1-5-21-1-2-3-1000\\Software\\Classes\\Wow6432Node\\CLSID", false},
+        NodeRow{"HKU class hive node is not tested", HKEY_USERS, L"S-1-5-21-1-2-3-1000_Classes\\Wow6432Node\\CLSID", false},
+        NodeRow{"HKU software node is not tested", HKEY_USERS, L"SOFTWARE\\Wow6432Node\\x", false},
+        NodeRow{"HKCR node is not tested", HKEY_CLASSES_ROOT, L"Wow6432Node\\CLSID\\{0123ABCD-4567-89EF-ABCD-0123456789EF}", false},
+        NodeRow{"HKCR software-like path is not tested", HKEY_CLASSES_ROOT, L"SOFTWARE\\Wow6432Node\\x", false},
+        NodeRow{"root carried as the value 0x80000002", reinterpret_cast<HKEY>(static_cast<ULONG_PTR>(0x80000002)), L"SOFTWARE\\Wow6432Node\\x", true}),
+    [](const ::testing::TestParamInfo<NodeRow>& i) { return Sanitize(i.param.name); });
+
+// ---------------------------------------------------------------------------
+// CEnumKey
+
+std::vector<std::wstring> EnumAll(CEnumKey& e) {
+    std::vector<std::wstring> names;
+    std::wstring name;
+    for (DWORD i = 0; i < 100 && e.Next(i, name); ++i) names.push_back(name);
+    return names;
+}
+
+TEST(CEnumKey, ThreeSubKeysThenTheEnd) {
+    TempRegKey key(HKEY_CURRENT_USER, L"Software");
+    for (const wchar_t* n : {L"beta", L"Alpha", L"gamma"}) ASSERT_TRUE(kwtest::RegCreate(HKEY_CURRENT_USER, key.Path() + L"\\" + n));
+    ASSERT_TRUE(kwtest::RegSetSz(HKEY_CURRENT_USER, key.Path(), L"value", L"not a key"));
+
+    CEnumKey e(HKEY_CURRENT_USER, key.Path().c_str(), KEY_WOW64_64KEY);
+    EXPECT_TRUE(e.IsOpen());
+    std::vector<std::wstring> names = EnumAll(e);
+    std::sort(names.begin(), names.end());
+    EXPECT_EQ((std::vector<std::wstring>{L"Alpha", L"beta", L"gamma"}), names);
+
+    std::wstring name = L"stale";
+    EXPECT_FALSE(e.Next(3, name));
+    EXPECT_TRUE(name.empty());
+    EXPECT_FALSE(e.Next(1000, name));
+}
+
+TEST(CEnumKey, EmptyKeyYieldsNothing) {
+    TempRegKey key(HKEY_CURRENT_USER, L"Software");
+    CEnumKey e(HKEY_CURRENT_USER, key.Path().c_str(), 0);
+    EXPECT_TRUE(e.IsOpen());
+    std::wstring name = L"stale";
+    EXPECT_FALSE(e.Next(0, name));
+    EXPECT_TRUE(name.empty());
+}
+
+TEST(CEnumKey, MissingKeyIsNotOpenAndYieldsNothing) {
+    TempRegKey key(HKEY_CURRENT_USER, L"Software");
+    std::wstring missing = key.Path() + L"\\absent";
+    CEnumKey e(HKEY_CURRENT_USER, missing.c_str(), KEY_WOW64_64KEY);
+    EXPECT_FALSE(e.IsOpen());
+    std::wstring name = L"stale";
+    EXPECT_FALSE(e.Next(0, name));
+    EXPECT_TRUE(name.empty());
+}
+
+TEST(CEnumKey, EmptyPathEnumeratesTheRootItself) {
+    TempRegKey key(HKEY_CURRENT_USER, L"Software");
+    ASSERT_TRUE(kwtest::RegCreate(HKEY_CURRENT_USER, key.Path() + L"\\only"));
+    HKEY h = nullptr;
+    ASSERT_EQ(ERROR_SUCCESS, RegOpenKeyExW(HKEY_CURRENT_USER, key.Path().c_str(), 0, KEY_READ, &h));
+    {
+        CEnumKey e(h, L"", KEY_WOW64_64KEY);
+        EXPECT_TRUE(e.IsOpen());
+        EXPECT_EQ((std::vector<std::wstring>{L"only"}), EnumAll(e));
+        CEnumKey e2(h, nullptr, 0);
+        EXPECT_EQ((std::vector<std::wstring>{L"only"}), EnumAll(e2));
+    }
+    RegCloseKey(h);  // the enumerator never closes a root it did not open
+}
+
+// Key names up to the registry's limit come back whole; a registry that holds
+// a longer name (Wine accepts 256 characters) makes the buffer grow.
+TEST(CEnumKey, LongNamesComeBackWhole) {
+    TempRegKey key(HKEY_CURRENT_USER, L"Software");
+    struct Row {
+        const char* name;
+        size_t length;
+    } rows[] = {{"254 characters", 254}, {"255 characters", 255}, {"256 characters", 256}};
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.name);
+        std::wstring sub = key.Path() + L"\\" + std::to_wstring(row.length);
+        std::wstring longName(row.length, L'n');
+        if (!kwtest::RegCreate(HKEY_CURRENT_USER, sub + L"\\" + longName)) {
+            ASSERT_GT(row.length, 255u) << "the registry must accept names up to 255 characters";
+            continue;  // this registry refuses longer names: nothing to enumerate
+        }
+        CEnumKey e(HKEY_CURRENT_USER, sub.c_str(), 0);
+        std::wstring name;
+        ASSERT_TRUE(e.Next(0, name));
+        EXPECT_EQ(longName, name);
+        EXPECT_FALSE(e.Next(1, name));
+    }
+}
+
+TEST(CEnumKey, ExtraFlagsChooseTheView) {
+    BOOL wow64 = FALSE;
+    IsWow64Process(GetCurrentProcess(), &wow64);
+    if (!wow64) GTEST_SKIP() << "needs a 32-bit process on 64-bit Windows";
+    TempRegKey key(HKEY_LOCAL_MACHINE, L"Software", KEY_WOW64_32KEY);
+    ASSERT_TRUE(kwtest::RegCreate(HKEY_LOCAL_MACHINE, key.Path() + L"\\sub32", KEY_WOW64_32KEY));
+    CEnumKey e32(HKEY_LOCAL_MACHINE, key.Path().c_str(), KEY_WOW64_32KEY);
+    EXPECT_EQ((std::vector<std::wstring>{L"sub32"}), EnumAll(e32));
+    CEnumKey e64(HKEY_LOCAL_MACHINE, key.Path().c_str(), KEY_WOW64_64KEY);
+    EXPECT_FALSE(e64.IsOpen());
+}
+
+}  // namespace
