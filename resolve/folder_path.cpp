@@ -1,0 +1,258 @@
+// Special-folder resolvers: the system's own folder ids 256..263 in the native
+// and the 64-bit view, shell folder ids through the shell, and the shell-folder
+// name table.
+#include "resolve/expand_path.h"
+
+#include "common/handle.h"
+#include "common/strutil.h"
+
+#include <shlobj.h>
+
+namespace kw {
+
+namespace {
+
+const wchar_t kCurrentVersionKey[] = L"Software\\Microsoft\\Windows\\CurrentVersion";
+
+// Byte sizes of the registry reads. "CommonFilesDir" deliberately gets half the
+// buffer of "ProgramFilesDir" (130 characters with the terminator) in both
+// resolvers: a longer value leaves PATHID_COMMONFILES empty.
+constexpr DWORD kCbProgramFilesDir = 520;
+constexpr DWORD kCbCommonFilesDir = 260;
+
+constexpr int kFirstPathId = PATHID_SYSTEMDRIVE;
+constexpr int kNativeLastId = PATHID_COMMONFILES;
+constexpr int kWow64LastId = PATHID_TEMP;
+
+// The process-wide folder tables: filled once, never refreshed, then read
+// without a lock (the one-time fill is guarded by its INIT_ONCE).
+wchar_t g_nativeTable[kNativeLastId - kFirstPathId + 1][MAX_PATH];
+wchar_t g_wow64Table[kWow64LastId - kFirstPathId + 1][MAX_PATH];
+INIT_ONCE g_nativeOnce = INIT_ONCE_STATIC_INIT;
+INIT_ONCE g_wow64Once = INIT_ONCE_STATIC_INIT;
+
+// ExpandEnvironmentStringsW counts the terminator; a count above the buffer
+// means it did not fit (Wine then still writes a cut, terminated text).
+bool ExpandProcessEnv(const wchar_t* text, wchar_t* out, DWORD cchOut) {
+    out[0] = L'\0';
+    DWORD n = ExpandEnvironmentStringsW(text, out, cchOut);
+    if (n == 0 || n > cchOut) {
+        out[0] = L'\0';
+        return false;
+    }
+    out[cchOut - 1] = L'\0';
+    return true;
+}
+
+// Reads a string value of HKLM\Software\Microsoft\Windows\CurrentVersion into a
+// buffer of cbBuffer bytes. A value that does not fit that buffer together with
+// its terminator, of another type, or missing, leaves out empty. REG_EXPAND_SZ
+// data is expanded with the process environment when `expand` is set.
+void ReadCurrentVersionFolder(REGSAM sam, const wchar_t* valueName, DWORD cbBuffer, bool expand,
+                              wchar_t* out /* MAX_PATH */) {
+    out[0] = L'\0';
+    unique_hkey key;
+    if (RegOpenKeyExW(HKEY_LOCAL_MACHINE, kCurrentVersionKey, 0, sam, key.put()) != ERROR_SUCCESS)
+        return;
+    wchar_t data[kCbProgramFilesDir / sizeof(wchar_t)] = {0};
+    DWORD type = 0;
+    DWORD cb = cbBuffer;
+    if (RegQueryValueExW(key.get(), valueName, nullptr, &type, reinterpret_cast<BYTE*>(data),
+                         &cb) != ERROR_SUCCESS)
+        return;
+    if (type != REG_SZ && type != REG_EXPAND_SZ) return;
+    const size_t cchBuffer = cbBuffer / sizeof(wchar_t);
+    const size_t cchData = (cb < cbBuffer ? cb : cbBuffer) / sizeof(wchar_t);
+    const size_t len = LenBounded(data, cchData);
+    if (len >= cchBuffer) return;  // no room left for the terminator: does not fit
+    data[len] = L'\0';
+    if (expand && type == REG_EXPAND_SZ) {
+        ExpandProcessEnv(data, out, MAX_PATH);
+        return;
+    }
+    CopyBounded(out, MAX_PATH, data);
+}
+
+void FillCommonEntries(wchar_t (*table)[MAX_PATH]) {
+    wchar_t windir[MAX_PATH] = {0};
+    UINT n = GetSystemWindowsDirectoryW(windir, MAX_PATH);
+    if (n == 0 || n >= MAX_PATH) windir[0] = L'\0';
+    CopyBounded(table[PATHID_WINDIR - kFirstPathId], MAX_PATH, windir);
+
+    wchar_t* drive = table[PATHID_SYSTEMDRIVE - kFirstPathId];
+    CopyBounded(drive, MAX_PATH, windir);
+    if (wchar_t* colon = wcschr(drive, L':')) colon[1] = L'\0';
+
+    wchar_t* system = table[PATHID_SYSTEM - kFirstPathId];
+    n = GetSystemDirectoryW(system, MAX_PATH);
+    if (n == 0 || n >= MAX_PATH) system[0] = L'\0';
+}
+
+BOOL CALLBACK FillNativeTable(PINIT_ONCE, PVOID, PVOID*) {
+    FillCommonEntries(g_nativeTable);
+    // The process's own registry view on purpose: the 32-bit folders for a
+    // 32-bit process on 64-bit Windows.
+    ReadCurrentVersionFolder(KEY_READ, L"ProgramFilesDir", kCbProgramFilesDir, false,
+                             g_nativeTable[PATHID_PROGRAMFILES - kFirstPathId]);
+    ReadCurrentVersionFolder(KEY_READ, L"CommonFilesDir", kCbCommonFilesDir, false,
+                             g_nativeTable[PATHID_COMMONFILES - kFirstPathId]);
+    return TRUE;
+}
+
+BOOL CALLBACK FillWow64Table(PINIT_ONCE, PVOID, PVOID*) {
+    FillCommonEntries(g_wow64Table);
+    ReadCurrentVersionFolder(KEY_READ | KEY_WOW64_64KEY, L"ProgramFilesDir", kCbProgramFilesDir,
+                             true, g_wow64Table[PATHID_PROGRAMFILES - kFirstPathId]);
+    ReadCurrentVersionFolder(KEY_READ | KEY_WOW64_64KEY, L"CommonFilesDir", kCbCommonFilesDir, true,
+                             g_wow64Table[PATHID_COMMONFILES - kFirstPathId]);
+    ExpandProcessEnv(L"%UserProfile%", g_wow64Table[PATHID_USERPROFILE - kFirstPathId], MAX_PATH);
+    ExpandProcessEnv(L"%AllUserProfile%", g_wow64Table[PATHID_ALLUSERSPROFILE - kFirstPathId],
+                     MAX_PATH);
+    wchar_t* temp = g_wow64Table[PATHID_TEMP - kFirstPathId];
+    DWORD n = GetTempPathW(MAX_PATH, temp);
+    if (n == 0 || n >= MAX_PATH) {
+        temp[0] = L'\0';
+    } else if (temp[n - 1] == L'\\') {
+        temp[n - 1] = L'\0';
+    }
+    return TRUE;
+}
+
+// Shell folder ids go to the shell unchanged; the item list is freed through
+// the shell's allocator.
+void QueryShellFolder(int folderId, wchar_t* out /* MAX_PATH */) {
+    IMalloc* shellMalloc = nullptr;
+    if (FAILED(SHGetMalloc(&shellMalloc)) || !shellMalloc) return;
+    LPITEMIDLIST pidl = nullptr;
+    if (SUCCEEDED(SHGetSpecialFolderLocation(nullptr, folderId, &pidl)) && pidl) {
+        if (!SHGetPathFromIDListW(pidl, out)) out[0] = L'\0';
+        out[MAX_PATH - 1] = L'\0';
+        shellMalloc->Free(pidl);
+    }
+    shellMalloc->Release();
+}
+
+const CsidlName kCsidlNames[] = {
+    {L"APPDATA", 0x1A, nullptr},
+    {L"LOCALAPPDATA", 0x1C, L"Local AppData"},
+    {L"DESKTOPDIR", 0x10, L"DESKTOP"},
+    {L"PROGRAMS", 0x02, nullptr},
+    {L"MYDOCUMENTS", 0x05, nullptr},
+    {L"PERSONAL", 0x05, nullptr},
+    {L"FAVORITES", 0x06, nullptr},
+    {L"STARTUP", 0x07, nullptr},
+    {L"RECENT", 0x08, nullptr},
+    {L"SENDTO", 0x09, nullptr},
+    {L"STARTMENU", 0x0B, L"Start Menu"},
+    {L"FONTS", 0x14, nullptr},
+    {L"COOKIES", 0x21, nullptr},
+    {L"HISTORY", 0x22, nullptr},
+    {L"TEMPLATES", 0x15, nullptr},
+    {L"USERPROFILE", 0x28, L"USERPROFILE"},
+    {L"WINDOWS", 0x24, nullptr},
+    {L"SYSTEM", 0x25, nullptr},
+    {L"PROGRAMFILESX86", 0x2A, nullptr},
+    {L"PROGRAMFILES", 0x26, nullptr},
+    {L"MYPICTURES", 0x27, L"My Pictures"},
+    {L"MYMUSIC", 0x0D, L"My Music"},
+    {L"MYVIDEO", 0x0E, L"My Video"},
+    {L"COMMONX86", 0x2C, nullptr},
+    {L"COMMONFILES", 0x2B, nullptr},
+    {L"COMMON_APPDATA", 0x23, L"Common AppData"},
+    {L"COMMON_DESKTOPDIR", 0x19, L"Common Desktop"},
+    {L"COMMON_DESKTOPDIRECTORY", 0x19, nullptr},
+    {L"COMMON_DOCUMENTS", 0x2E, L"Common Documents"},
+    {L"COMMON_FAVORITES", 0x1F, nullptr},
+    {L"COMMON_PROGRAMS", 0x17, L"Common Programs"},
+    {L"COMMON_STARTMENU", 0x16, L"Common Start Menu"},
+    {L"COMMON_STARTUP", 0x18, L"Common Startup"},
+    {L"COMMON_PICTURES", 0x36, L"CommonPictures"},
+    {L"COMMON_MUSIC", 0x35, L"CommonMusic"},
+    {L"COMMON_VIDEO", 0x37, L"CommonVideo"},
+    // The shared ids below (0x28 again, program files 0x26 for "Programs") are
+    // deliberate table contents that the per-user folder filing relies on.
+    {L"DEFAULT_PROFILE", 0x28, L"USERPROFILE"},
+    {L"DEFAULT_PROGRAMS", 0x26, L"Programs"},
+    {L"DEFAULT_STARTMENU", 0x0B, L"Start Menu"},
+    {L"DEFAULT_STARTUP", 0x07, L"Startup"},
+};
+static_assert(sizeof(kCsidlNames) / sizeof(kCsidlNames[0]) == 40, "the name table has 40 rows");
+
+// Thread-local result buffers (host threads resolve folders concurrently).
+thread_local wchar_t t_literalResult[MAX_PATH];
+thread_local wchar_t t_folderResult[MAX_PATH];
+thread_local wchar_t t_folder64Result[MAX_PATH];
+
+}  // namespace
+
+std::wstring AsciiUpperName(const std::wstring& name) {
+    std::wstring up = name;
+    for (wchar_t& c : up)
+        if (c >= L'a' && c <= L'z') c = static_cast<wchar_t>(c - L'a' + L'A');
+    return up;
+}
+
+void QueryFolderPath(int folderId, wchar_t* out) {
+    if (!out) return;
+    SecureZeroMemory(out, MAX_PATH * sizeof(wchar_t));
+    if (folderId >= kFirstPathId) {
+        InitOnceExecuteOnce(&g_nativeOnce, FillNativeTable, nullptr, nullptr);
+        if (folderId <= kNativeLastId)
+            CopyBounded(out, MAX_PATH, g_nativeTable[folderId - kFirstPathId], MAX_PATH);
+        return;
+    }
+    QueryShellFolder(folderId, out);
+}
+
+void QueryFolderPath64(int folderId, wchar_t* out) {
+    if (!out) return;
+    SecureZeroMemory(out, MAX_PATH * sizeof(wchar_t));
+    if (folderId >= kFirstPathId) {
+        InitOnceExecuteOnce(&g_wow64Once, FillWow64Table, nullptr, nullptr);
+        if (folderId <= kWow64LastId)
+            CopyBounded(out, MAX_PATH, g_wow64Table[folderId - kFirstPathId], MAX_PATH);
+        return;
+    }
+    QueryShellFolder(folderId, out);
+}
+
+const wchar_t* GetFolderPathById(int folderId) {
+    if (folderId == PATHID_USERPROFILE) {
+        CopyBounded(t_literalResult, MAX_PATH, L"%USERPROFILE%");
+        return t_literalResult;
+    }
+    if (folderId == PATHID_TEMP) {
+        CopyBounded(t_literalResult, MAX_PATH, L"%TEMP%");
+        return t_literalResult;
+    }
+    QueryFolderPath(folderId, t_folderResult);
+    return t_folderResult;
+}
+
+const wchar_t* GetFolderPathById64(int folderId) {
+    QueryFolderPath64(folderId, t_folder64Result);
+    return t_folder64Result;
+}
+
+bool EqualsAsciiUpper(const std::wstring& name, const wchar_t* upperText) {
+    size_t i = 0;
+    for (; i < name.size(); ++i) {
+        wchar_t c = name[i];
+        if (c >= L'a' && c <= L'z') c = static_cast<wchar_t>(c - L'a' + L'A');
+        if (upperText[i] == L'\0' || c != upperText[i]) return false;
+    }
+    return upperText[i] == L'\0';
+}
+
+int GetCsidlByName(const std::wstring& name) {
+    for (const CsidlName& row : kCsidlNames)
+        if (EqualsAsciiUpper(name, row.token)) return row.csidl;
+    return -1;
+}
+
+const CsidlName* GetCsidlNameTable(size_t* count) {
+    if (count) *count = sizeof(kCsidlNames) / sizeof(kCsidlNames[0]);
+    return kCsidlNames;
+}
+
+}  // namespace kw

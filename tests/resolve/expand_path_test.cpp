@@ -1,0 +1,839 @@
+#include "resolve/expand_path.h"
+
+#include "diag/trace.h"
+#include "registry/multi_user_reg.h"
+#include "support/child.h"
+#include "support/fixtures.h"
+#include "support/recording_sink.h"
+#include "support/second_user_profile.h"
+
+#include <gtest/gtest.h>
+#include <shlobj.h>
+
+#include <atomic>
+#include <cctype>
+#include <cstdlib>
+#include <ostream>
+#include <string>
+#include <thread>
+#include <vector>
+
+using namespace kw;
+
+namespace {
+
+const wchar_t kCurrentVersion[] = L"Software\\Microsoft\\Windows\\CurrentVersion";
+
+std::wstring RegString(REGSAM view, const wchar_t* name, bool expand) {
+    HKEY key = nullptr;
+    if (RegOpenKeyExW(HKEY_LOCAL_MACHINE, kCurrentVersion, 0, KEY_READ | view, &key) !=
+        ERROR_SUCCESS)
+        return L"";
+    wchar_t buf[1024] = {0};
+    DWORD cb = sizeof(buf) - sizeof(wchar_t), type = 0;
+    LONG rc = RegQueryValueExW(key, name, nullptr, &type, reinterpret_cast<BYTE*>(buf), &cb);
+    RegCloseKey(key);
+    if (rc != ERROR_SUCCESS) return L"";
+    if (expand && type == REG_EXPAND_SZ) {
+        wchar_t out[1024] = {0};
+        ExpandEnvironmentStringsW(buf, out, 1024);
+        return out;
+    }
+    return buf;
+}
+
+std::wstring Env(const wchar_t* name) {
+    wchar_t buf[4096] = {0};
+    DWORD n = GetEnvironmentVariableW(name, buf, 4096);
+    return n && n < 4096 ? std::wstring(buf) : std::wstring();
+}
+
+bool ProcessIsWow64() {
+    BOOL wow = FALSE;
+    return IsWow64Process(GetCurrentProcess(), &wow) && wow;
+}
+
+// What the system says, read without the code under test.
+struct SystemFacts {
+    std::wstring windir, sysdir, drive, pf32, pf64, cf32, cf64, temp, profile;
+    SystemFacts() {
+        wchar_t buf[MAX_PATH] = {0};
+        GetSystemWindowsDirectoryW(buf, MAX_PATH);
+        windir = buf;
+        drive = windir.substr(0, windir.find(L':') + 1);
+        GetSystemDirectoryW(buf, MAX_PATH);
+        sysdir = buf;
+        pf32 = RegString(KEY_WOW64_32KEY, L"ProgramFilesDir", false);
+        cf32 = RegString(KEY_WOW64_32KEY, L"CommonFilesDir", false);
+        pf64 = RegString(KEY_WOW64_64KEY, L"ProgramFilesDir", true);
+        cf64 = RegString(KEY_WOW64_64KEY, L"CommonFilesDir", true);
+        GetTempPathW(MAX_PATH, buf);
+        temp = buf;
+        if (!temp.empty() && temp.back() == L'\\') temp.pop_back();
+        profile = Env(L"USERPROFILE");
+    }
+    std::wstring Fill(std::wstring s) const {
+        const std::pair<const wchar_t*, const std::wstring*> keys[] = {
+            {L"{WINDIR}", &windir}, {L"{SYSDIR}", &sysdir}, {L"{DRIVE}", &drive},
+            {L"{PF32}", &pf32},     {L"{PF64}", &pf64},     {L"{CF32}", &cf32},
+            {L"{CF64}", &cf64},     {L"{TEMP}", &temp},     {L"{PROFILE}", &profile}};
+        for (const auto& k : keys) ReplaceAll(s, k.first, *k.second);
+        return s;
+    }
+};
+
+const SystemFacts& Facts() {
+    static SystemFacts facts;
+    return facts;
+}
+
+// Sets (or, with null, removes) a process environment variable for a scope.
+class ScopedEnv {
+public:
+    ScopedEnv(const wchar_t* name, const wchar_t* value) : m_name(name) {
+        wchar_t buf[4096];
+        DWORD n = GetEnvironmentVariableW(name, buf, 4096);
+        m_had = n > 0 && n < 4096;
+        if (m_had) m_old = buf;
+        SetEnvironmentVariableW(name, value);
+    }
+    ~ScopedEnv() { SetEnvironmentVariableW(m_name.c_str(), m_had ? m_old.c_str() : nullptr); }
+
+private:
+    std::wstring m_name, m_old;
+    bool m_had = false;
+};
+
+// Replaces a value of HKLM\...\CurrentVersion in one view and puts the
+// original (type and bytes) back on scope exit.
+class RegValueRestorer {
+public:
+    RegValueRestorer(REGSAM view, const wchar_t* name) : m_view(view), m_name(name) {
+        HKEY key = nullptr;
+        if (RegOpenKeyExW(HKEY_LOCAL_MACHINE, kCurrentVersion, 0, KEY_READ | view, &key) !=
+            ERROR_SUCCESS)
+            return;
+        m_data.resize(4096);
+        DWORD cb = static_cast<DWORD>(m_data.size());
+        m_had = RegQueryValueExW(key, name, nullptr, &m_type, m_data.data(), &cb) == ERROR_SUCCESS;
+        m_data.resize(m_had ? cb : 0);
+        RegCloseKey(key);
+    }
+    ~RegValueRestorer() {
+        if (m_had)
+            kwtest::RegSetRaw(HKEY_LOCAL_MACHINE, kCurrentVersion, m_name, m_type, m_data.data(),
+                              static_cast<DWORD>(m_data.size()), m_view);
+    }
+    bool Set(DWORD type, const void* data, DWORD cb) {
+        return m_had && kwtest::RegSetRaw(HKEY_LOCAL_MACHINE, kCurrentVersion, m_name, type, data,
+                                          cb, m_view);
+    }
+
+private:
+    REGSAM m_view;
+    std::wstring m_name;
+    DWORD m_type = 0;
+    std::vector<BYTE> m_data;
+    bool m_had = false;
+};
+
+// Sets the trace sink for a scope (also when an assertion returns early).
+struct SinkScope {
+    explicit SinkScope(IHostRuleEngine* sink) { SetLogSink(sink); }
+    ~SinkScope() { SetLogSink(nullptr); }
+};
+
+std::string RowName(const char* name) {
+    std::string s;
+    for (const char* p = name; *p; ++p) s += isalnum(static_cast<unsigned char>(*p)) ? *p : '_';
+    return s;
+}
+
+// Read before any test changes the process environment.
+class TraceCapture : public ::testing::Test {
+protected:
+    void SetUp() override {
+        Facts();
+        SetLogSink(&sink);
+    }
+    void TearDown() override { SetLogSink(nullptr); }
+    kwtest::RecordingSink sink;
+};
+
+}  // namespace
+
+// ---------------------------------------------------------------------------
+// Both entry points over the same rows. {IN} and {OUT} in `log` stand for the
+// input and the expected result; the other {...} for facts read from the system.
+struct ExpandRow {
+    const char* name;
+    const wchar_t* input;
+    BOOL bWow64Expand;
+    const wchar_t* expected;
+    const wchar_t* log;  // the one closing line ExpandPath writes; null: no line at all
+};
+// Test names show the row title, not the bytes of the row.
+void PrintTo(const ExpandRow& r, std::ostream* os) { *os << r.name; }
+
+enum : BOOL { VIEW64 = 0, NATIVE = 1 };
+#define NATIVE_LOG L"ExpandPath szEnviePath={IN} outputPath={OUT}"
+#define VIEW64_LOG L"ExpandEnvironmentStrings in={IN}, out={OUT}"
+
+const ExpandRow kExpandRows[] = {
+    {"no percent sign native", L"C:\\Dir\\A.exe", NATIVE, L"C:\\Dir\\A.exe", nullptr},
+    {"no percent sign 64-bit view", L"C:\\Dir\\A.exe", VIEW64, L"C:\\Dir\\A.exe", nullptr},
+    {"program files 64-bit view lower-cases around the token", L"%ProgramFiles%\\A\\b.exe", VIEW64,
+     L"{PF64}\\a\\b.exe", VIEW64_LOG},
+    {"program files with the flag set is the 32-bit folder", L"%ProgramFiles%\\A\\b.exe", NATIVE,
+     L"{PF32}\\A\\b.exe", NATIVE_LOG},
+    {"common files 64-bit view", L"%CommonProgramFiles%\\Sub\\X.dll", VIEW64, L"{CF64}\\sub\\x.dll",
+     VIEW64_LOG},
+    {"common files with the flag set is the 32-bit folder", L"%CommonProgramFiles%\\Sub\\X.dll",
+     NATIVE, L"{CF32}\\Sub\\X.dll", NATIVE_LOG},
+    {"both program tokens lower case in the 64-bit view", L"%programfiles%;%commonprogramfiles%",
+     VIEW64, L"{PF64};{CF64}", VIEW64_LOG},
+    {"WinSystem that no environment defines", L"%WinSystem%\\x.dll", NATIVE, L"{SYSDIR}\\x.dll",
+     NATIVE_LOG},
+    {"AllUserProfile is removed", L"%AllUserProfile%\\x", NATIVE, L"\\x", NATIVE_LOG},
+    {"Temp is the user's TEMP", L"%Temp%\\a.exe", NATIVE, L"{TEMP}\\a.exe", NATIVE_LOG},
+    {"Tmp is the user's TEMP", L"%Tmp%\\a.exe", NATIVE, L"{TEMP}\\a.exe", NATIVE_LOG},
+    {"TEMP in the 64-bit view", L"%TEMP%\\X.exe", VIEW64, L"{TEMP}\\x.exe", VIEW64_LOG},
+    {"UserProfile", L"%UserProfile%\\Desktop\\a.lnk", NATIVE, L"{PROFILE}\\Desktop\\a.lnk",
+     NATIVE_LOG},
+    {"SystemRoot and WinDir", L"%SystemRoot%\\a;%WinDir%\\b", NATIVE, L"{WINDIR}\\a;{WINDIR}\\b",
+     NATIVE_LOG},
+    {"SystemDrive", L"%SystemDrive%\\x", NATIVE, L"{DRIVE}\\x", NATIVE_LOG},
+    {"percent without closing percent native", L"C:\\100%\\A.exe", NATIVE, L"C:\\100%\\A.exe",
+     NATIVE_LOG},
+    {"percent without closing percent 64-bit view", L"C:\\100%\\A.exe", VIEW64, L"c:\\100%\\a.exe",
+     VIEW64_LOG},
+    {"unknown variable stays", L"%KwNoSuchVariable%\\A.exe", NATIVE, L"%KwNoSuchVariable%\\A.exe",
+     NATIVE_LOG},
+    {"lone percent", L"%", NATIVE, L"%", NATIVE_LOG},
+};
+
+class ExpandRows : public TraceCapture, public ::testing::WithParamInterface<ExpandRow> {
+protected:
+    void SetUp() override {
+        TraceCapture::SetUp();
+        if (GetParam().bWow64Expand == VIEW64 && !ProcessIsWow64())
+            GTEST_SKIP() << "needs a 32-bit process on 64-bit Windows";
+    }
+    std::wstring Expected() const { return Facts().Fill(GetParam().expected); }
+};
+
+TEST_P(ExpandRows, ExpandPathInPlace) {
+    const ExpandRow& r = GetParam();
+    wchar_t buf[261] = {0};
+    CopyBounded(buf, 261, r.input);
+    EXPECT_EQ(buf, ExpandPath(buf, sizeof(buf), nullptr, nullptr, r.bWow64Expand));
+    EXPECT_EQ(Expected(), std::wstring(buf));
+    std::vector<std::wstring> messages = sink.Messages();
+    if (!r.log) {
+        EXPECT_TRUE(messages.empty());
+        return;
+    }
+    std::wstring log = r.log;
+    ReplaceAll(log, L"{IN}", r.input);
+    ReplaceAll(log, L"{OUT}", Expected());
+    ASSERT_FALSE(messages.empty());
+    EXPECT_EQ(log, messages.back());
+    if (r.bWow64Expand == VIEW64) {
+        EXPECT_EQ(1u, messages.size()) << "no closing line in this branch";
+    }
+    for (const auto& line : sink.Lines()) EXPECT_NE(TRACE_ERROR, line.level) << line.text;
+}
+
+TEST_P(ExpandRows, ExpandPathStringLogsNothing) {
+    const ExpandRow& r = GetParam();
+    std::wstring out = L"stale";
+    ExpandPathString(r.input, out, nullptr, nullptr, r.bWow64Expand);
+    EXPECT_EQ(Expected(), out);
+    EXPECT_TRUE(sink.Lines().empty());
+}
+
+INSTANTIATE_TEST_SUITE_P(Rows, ExpandRows, ::testing::ValuesIn(kExpandRows),
+                         [](const ::testing::TestParamInfo<ExpandRow>& i) {
+                             return RowName(i.param.name);
+                         });
+
+// ---------------------------------------------------------------------------
+// The caller's buffer: the result is cut to cbPath/2 - 1 characters and
+// nothing is written at or beyond cbPath/2 characters. The input is
+// "%CommonProgramFiles%\" and a tail sized so that the full result has the
+// length the row names.
+struct BufferRow {
+    const char* name;
+    size_t resultLength;
+    DWORD cbPath;
+    size_t expectedLength;  // of the result; kUntouched: buffer left as it was
+};
+void PrintTo(const BufferRow& r, std::ostream* os) { *os << r.name; }
+
+const size_t kUntouched = static_cast<size_t>(-1);
+
+class ExpandPathBuffer : public ::testing::TestWithParam<BufferRow> {};
+
+TEST_P(ExpandPathBuffer, CutsToTheBuffer) {
+    const BufferRow& r = GetParam();
+    const std::wstring folder = Env(L"CommonProgramFiles");
+    ASSERT_FALSE(folder.empty());
+    ASSERT_GT(r.resultLength, folder.size() + 1);
+    const std::wstring tail(r.resultLength - folder.size() - 1, L't');
+    const std::wstring input = L"%CommonProgramFiles%\\" + tail;
+    ASSERT_LE(input.size(), 260u) << "the input must fit the 522-byte buffer";
+    const std::wstring full = folder + L"\\" + tail;
+
+    std::vector<wchar_t> buf(600, L'#');
+    std::copy(input.begin(), input.end(), buf.begin());
+    buf[input.size()] = L'\0';
+    const std::vector<wchar_t> before = buf;
+    ExpandPath(buf.data(), r.cbPath, nullptr, nullptr, NATIVE);
+    if (r.expectedLength == kUntouched) {
+        EXPECT_TRUE(before == buf) << "buffer changed";
+        return;
+    }
+    EXPECT_EQ(full.substr(0, r.expectedLength), std::wstring(buf.data()));
+    for (size_t i = r.cbPath / 2; i < buf.size(); ++i)
+        ASSERT_EQ(before[i], buf[i]) << "written at character " << i;
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Rows, ExpandPathBuffer,
+    ::testing::Values(BufferRow{"result of 259 characters fits 522 bytes", 259, 522, 259},
+                      BufferRow{"result of 260 characters fills 522 bytes", 260, 522, 260},
+                      BufferRow{"result of 261 characters is cut to 260", 261, 522, 260},
+                      BufferRow{"result of 270 characters is cut to 260", 270, 522, 260},
+                      BufferRow{"odd byte count 523 still holds 260", 270, 523, 260},
+                      BufferRow{"521 bytes hold 259", 270, 521, 259},
+                      BufferRow{"1022 bytes hold the whole result", 270, 1022, 270},
+                      BufferRow{"cbPath 1 copies nothing", 270, 1, kUntouched},
+                      BufferRow{"cbPath 0 copies nothing", 270, 0, kUntouched}),
+    [](const ::testing::TestParamInfo<BufferRow>& i) { return RowName(i.param.name); });
+
+TEST(ExpandPathBuffer, TwoBytesHoldOnlyTheTerminator) {
+    wchar_t buf[4] = {L'%', L'x', L'%', L'\0'};
+    ExpandPath(buf, 2, nullptr, nullptr, NATIVE);
+    EXPECT_EQ(L'\0', buf[0]);
+    EXPECT_EQ(L'x', buf[1]);
+}
+
+TEST(ExpandPathBuffer, NullPathIsReturned) {
+    EXPECT_EQ(nullptr, ExpandPath(nullptr, 522, nullptr, nullptr, NATIVE));
+}
+
+// ---------------------------------------------------------------------------
+// Expansion results: 1..4095 characters count, 4096 and more are failures.
+struct LengthRow {
+    const char* name;
+    size_t valueLength;
+    bool expanded;
+};
+void PrintTo(const LengthRow& r, std::ostream* os) { *os << r.name; }
+
+class ExpansionLength : public TraceCapture, public ::testing::WithParamInterface<LengthRow> {};
+
+TEST_P(ExpansionLength, NativeBranch) {
+    const LengthRow& r = GetParam();
+    const std::wstring value(r.valueLength, L'v');
+    ScopedEnv big(L"KWBIGVALUE", value.c_str());
+    std::wstring out;
+    ExpandPathString(L"%KWBIGVALUE%", out, nullptr, nullptr, NATIVE);
+    EXPECT_EQ(r.expanded ? value : std::wstring(L"%KWBIGVALUE%"), out);
+
+    wchar_t buf[511] = L"%KWBIGVALUE%";
+    ExpandPath(buf, sizeof(buf), nullptr, nullptr, NATIVE);
+    EXPECT_EQ(r.expanded ? value.substr(0, 510) : std::wstring(L"%KWBIGVALUE%"), buf);
+}
+
+TEST_P(ExpansionLength, View64BranchKeepsLowerCasedTextOnFailure) {
+    if (!ProcessIsWow64()) GTEST_SKIP() << "needs a 32-bit process on 64-bit Windows";
+    const LengthRow& r = GetParam();
+    const std::wstring value(r.valueLength, L'v');
+    ScopedEnv big(L"KWBIGVALUE", value.c_str());
+    std::wstring out;
+    ExpandPathString(L"%KWBIGVALUE%", out, nullptr, nullptr, VIEW64);
+    EXPECT_EQ(r.expanded ? value : std::wstring(L"%kwbigvalue%"), out);
+}
+
+INSTANTIATE_TEST_SUITE_P(Rows, ExpansionLength,
+                         ::testing::Values(LengthRow{"4094 characters", 4094, true},
+                                           LengthRow{"4095 characters", 4095, true},
+                                           LengthRow{"4096 characters fail", 4096, false},
+                                           LengthRow{"5000 characters fail", 5000, false}),
+                         [](const ::testing::TestParamInfo<LengthRow>& i) {
+                             return RowName(i.param.name);
+                         });
+
+// ---------------------------------------------------------------------------
+// The 64-bit branch when the environment cannot give the 64-bit folders: the
+// registry fallback for the lower-case tokens only.
+struct FallbackRow {
+    const char* name;
+    const wchar_t* input;
+    const wchar_t* expected;        // ExpandPath
+    const wchar_t* expectedString;  // ExpandPathString (no fallback)
+};
+void PrintTo(const FallbackRow& r, std::ostream* os) { *os << r.name; }
+
+class View64Fallback : public TraceCapture, public ::testing::WithParamInterface<FallbackRow> {};
+
+TEST_P(View64Fallback, RegistryFolders) {
+    if (!ProcessIsWow64()) GTEST_SKIP() << "needs a 32-bit process on 64-bit Windows";
+    const FallbackRow& r = GetParam();
+    ScopedEnv noProgramW6432(L"ProgramW6432", nullptr);
+    ScopedEnv noCommonW6432(L"CommonProgramW6432", nullptr);
+    const std::wstring expected = Facts().Fill(r.expected);
+
+    wchar_t buf[511] = {0};
+    CopyBounded(buf, 511, r.input);
+    ExpandPath(buf, sizeof(buf), nullptr, nullptr, VIEW64);
+    EXPECT_EQ(expected, std::wstring(buf));
+
+    std::wstring pre = r.input;
+    ReplaceAll(pre, L"%programfiles%", Facts().pf64);
+    ReplaceAll(pre, L"%commonprogramfiles%", Facts().cf64);
+    std::vector<std::wstring> m = sink.Messages();
+    ASSERT_EQ(4u, m.size());
+    EXPECT_EQ(L"64的命令行解析失败，使用注册表解析", m[1]);
+    EXPECT_EQ(L"Pre ExpandEnvironmentStrings " + pre, m[2]);
+    EXPECT_EQ(L"ExpandEnvironmentStrings_x64 in=" + pre + L", out=" + expected, m[3]);
+    EXPECT_EQ(TRACE_ERROR, sink.Lines()[1].level);
+    EXPECT_NE(std::wstring::npos, sink.Lines()[1].text.find(L"[ExpandPath]"));
+
+    std::wstring out;
+    ExpandPathString(r.input, out, nullptr, nullptr, VIEW64);
+    EXPECT_EQ(std::wstring(r.expectedString), out);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Rows, View64Fallback,
+    ::testing::Values(FallbackRow{"lower-case program files gets the 64-bit registry folder",
+                                  L"%programfiles%\\A\\b.exe", L"{PF64}\\A\\b.exe",
+                                  L"%programw6432%\\a\\b.exe"},
+                      FallbackRow{"lower-case common files gets the 64-bit registry folder",
+                                  L"%commonprogramfiles%\\X.dll", L"{CF64}\\X.dll",
+                                  L"%commonprogramw6432%\\x.dll"},
+                      FallbackRow{"other spellings are left to the process environment",
+                                  L"%ProgramFiles%\\A\\b.exe", L"{PF32}\\A\\b.exe",
+                                  L"%programw6432%\\a\\b.exe"}),
+    [](const ::testing::TestParamInfo<FallbackRow>& i) { return RowName(i.param.name); });
+
+// ---------------------------------------------------------------------------
+struct FolderRow {
+    const char* name;
+    int id;
+    const wchar_t* expected;
+};
+void PrintTo(const FolderRow& r, std::ostream* os) { *os << r.name; }
+
+class FolderById : public ::testing::TestWithParam<FolderRow> {};
+TEST_P(FolderById, Native) {
+    EXPECT_EQ(Facts().Fill(GetParam().expected), std::wstring(GetFolderPathById(GetParam().id)));
+}
+INSTANTIATE_TEST_SUITE_P(
+    Rows, FolderById,
+    ::testing::Values(FolderRow{"256 system drive", 256, L"{DRIVE}"},
+                      FolderRow{"257 windows", 257, L"{WINDIR}"},
+                      FolderRow{"258 system", 258, L"{SYSDIR}"},
+                      FolderRow{"259 program files of the process view", 259, L"{PF32}"},
+                      FolderRow{"260 common files of the process view", 260, L"{CF32}"},
+                      FolderRow{"261 is the literal token", 261, L"%USERPROFILE%"},
+                      FolderRow{"262 is empty in the native view", 262, L""},
+                      FolderRow{"263 is the literal token", 263, L"%TEMP%"},
+                      FolderRow{"264 is not a folder", 264, L""},
+                      FolderRow{"shell id 0x24 windows", 0x24, L"{WINDIR}"}),
+    [](const ::testing::TestParamInfo<FolderRow>& i) { return RowName(i.param.name); });
+
+class FolderById64 : public ::testing::TestWithParam<FolderRow> {};
+TEST_P(FolderById64, View64) {
+    std::wstring expected = Facts().Fill(GetParam().expected);
+    if (GetParam().id == PATHID_ALLUSERSPROFILE) {
+        wchar_t buf[MAX_PATH] = {0};
+        ExpandEnvironmentStringsW(L"%AllUserProfile%", buf, MAX_PATH);
+        expected = buf;
+    }
+    EXPECT_EQ(expected, std::wstring(GetFolderPathById64(GetParam().id)));
+}
+INSTANTIATE_TEST_SUITE_P(
+    Rows, FolderById64,
+    ::testing::Values(FolderRow{"256 system drive", 256, L"{DRIVE}"},
+                      FolderRow{"257 windows", 257, L"{WINDIR}"},
+                      FolderRow{"258 system", 258, L"{SYSDIR}"},
+                      FolderRow{"259 program files of the 64-bit view", 259, L"{PF64}"},
+                      FolderRow{"260 common files of the 64-bit view", 260, L"{CF64}"},
+                      FolderRow{"261 the process profile", 261, L"{PROFILE}"},
+                      FolderRow{"262 AllUserProfile as the environment expands it", 262, L""},
+                      FolderRow{"263 temp without trailing backslash", 263, L"{TEMP}"},
+                      FolderRow{"264 is not a folder", 264, L""}),
+    [](const ::testing::TestParamInfo<FolderRow>& i) { return RowName(i.param.name); });
+
+TEST(QueryFolderPath, ClearsTheWholeBufferAndIgnoresNull) {
+    wchar_t buf[MAX_PATH];
+    wmemset(buf, L'#', MAX_PATH);
+    QueryFolderPath(PATHID_ALLUSERSPROFILE, buf);
+    for (wchar_t c : buf) ASSERT_EQ(L'\0', c);
+    wmemset(buf, L'#', MAX_PATH);
+    QueryFolderPath64(999, buf);
+    for (wchar_t c : buf) ASSERT_EQ(L'\0', c);
+    QueryFolderPath(PATHID_WINDIR, nullptr);
+    QueryFolderPath64(PATHID_WINDIR, nullptr);
+}
+
+// ---------------------------------------------------------------------------
+class SpecialPath : public TraceCapture {};
+
+TEST_F(SpecialPath, FolderIdsGoToTheNativeResolver) {
+    wchar_t out[MAX_PATH] = L"stale";
+    EXPECT_TRUE(GetSpecialPathByToken(nullptr, nullptr, PATHID_SYSTEM, out));
+    EXPECT_EQ(Facts().sysdir, out);
+    EXPECT_EQ(std::vector<std::wstring>{L"nFolder=258 exPath=" + Facts().sysdir}, sink.Messages());
+    EXPECT_NE(std::wstring::npos, sink.Lines()[0].text.find(L"[GetSpecialPathByToken]"));
+}
+
+TEST_F(SpecialPath, ProfileAndTempFromTheEnvironment) {
+    wchar_t out[MAX_PATH] = {0};
+    EXPECT_TRUE(GetSpecialPathByToken(nullptr, nullptr, PATHID_USERPROFILE, out));
+    EXPECT_EQ(Facts().profile, out);
+    EXPECT_TRUE(GetSpecialPathByToken(nullptr, nullptr, PATHID_TEMP, out));
+    EXPECT_EQ(Env(L"TEMP"), out);
+    std::vector<std::wstring> m = sink.Messages();
+    ASSERT_EQ(4u, m.size());
+    EXPECT_EQ(
+        L"ExpandEnvironmentStringsForUserW Success szLinkEnvir=%USERPROFILE% "
+        L"szExpandEnvirPath=" +
+            Facts().profile,
+        m[0]);
+    EXPECT_EQ(L"GetSpecialPathByToken Success,szEnvir=USERPROFILE exPath=" + Facts().profile, m[1]);
+    EXPECT_EQ(L"GetSpecialPathByToken Success,szEnvir=TEMP exPath=" + Env(L"TEMP"), m[3]);
+}
+
+TEST_F(SpecialPath, NoEnvironmentAndNoSidFails) {
+    ScopedEnv noProfile(L"USERPROFILE", nullptr);
+    wchar_t out[MAX_PATH] = L"stale";
+    EXPECT_FALSE(GetSpecialPathByToken(nullptr, nullptr, PATHID_USERPROFILE, out));
+    EXPECT_EQ(std::wstring(), out);
+    EXPECT_EQ((std::vector<std::wstring>{L"ExpandEnvironmentStringsForUserW Fail", L"UserSid=0"}),
+              sink.Messages());
+    EXPECT_FALSE(GetSpecialPathByToken(nullptr, L"", PATHID_USERPROFILE, out));
+}
+
+TEST_F(SpecialPath, NoEnvironmentAsksTheManagerForTheSid) {
+    const std::wstring sid = kwtest::CurrentUserSid();
+    ASSERT_FALSE(sid.empty());
+    ScopedEnv noProfile(L"USERPROFILE", nullptr);
+    wchar_t out[MAX_PATH] = {0};
+    EXPECT_TRUE(GetSpecialPathByToken(nullptr, sid.c_str(), PATHID_USERPROFILE, out));
+    EXPECT_EQ(Facts().profile, out);
+    std::vector<std::wstring> m = sink.Messages();
+    ASSERT_EQ(3u, m.size());
+    EXPECT_EQ(L"ExpandEnvironmentStringsForUserW Fail", m[0]);
+    EXPECT_EQ(L"GetSpecialShellVariableBySid Success szEnvir=USERPROFILE szExpandEnvirPath=" +
+                  Facts().profile,
+              m[1]);
+}
+
+TEST_F(SpecialPath, UnknownSidFails) {
+    ScopedEnv noTemp(L"TEMP", nullptr);
+    wchar_t out[MAX_PATH] = L"stale";
+    EXPECT_FALSE(GetSpecialPathByToken(nullptr, L"S-1-5-21-9-9-9-424242", PATHID_TEMP, out));
+    EXPECT_EQ(std::wstring(), out);
+    std::vector<std::wstring> m = sink.Messages();
+    ASSERT_FALSE(m.empty());
+    EXPECT_EQ(L"GetSpecialShellVariableBySid Error", m.back());
+}
+
+TEST_F(SpecialPath, NullOutputIsRefused) {
+    EXPECT_FALSE(GetSpecialPathByToken(nullptr, nullptr, PATHID_TEMP, nullptr));
+}
+
+TEST_F(SpecialPath, ExpandPathStringUsesWhateverTheResolverLeft) {
+    // Without USERPROFILE in the environment and without a SID the resolver
+    // fails: ExpandPath keeps the token, ExpandPathString drops it.
+    ScopedEnv noProfile(L"USERPROFILE", nullptr);
+    std::wstring out;
+    ExpandPathString(L"%UserProfile%\\a.exe", out, nullptr, nullptr, NATIVE);
+    EXPECT_EQ(L"\\a.exe", out);
+    wchar_t buf[261] = L"%UserProfile%\\a.exe";
+    ExpandPath(buf, sizeof(buf), nullptr, nullptr, NATIVE);
+    EXPECT_EQ(std::wstring(L"%UserProfile%\\a.exe"), buf);
+}
+
+TEST(ExpandForUser, LengthAndRefusals) {
+    wchar_t out[32];
+    EXPECT_EQ(0u, ExpandForUser(nullptr, L"%SystemDrive%", nullptr, 16));
+    EXPECT_EQ(Facts().drive.size(), ExpandForUser(nullptr, L"%SystemDrive%", out, 16));
+    EXPECT_EQ(Facts().drive, out);
+    ScopedEnv v(L"KWSIXTEEN", L"0123456789abcdef");
+    EXPECT_EQ(0u, ExpandForUser(nullptr, L"%KWSIXTEEN%", out, 16)) << "16 characters need 17";
+    EXPECT_EQ(16u, ExpandForUser(nullptr, L"%KWSIXTEEN%", out, 17));
+    EXPECT_EQ(std::wstring(L"0123456789abcdef"), out);
+    EXPECT_EQ(0u, ExpandForUser(nullptr, L"", out, 17)) << "an empty result has length 0";
+}
+
+// ---------------------------------------------------------------------------
+struct CsidlRow {
+    const char* name;
+    const wchar_t* input;
+    int expected;
+};
+void PrintTo(const CsidlRow& r, std::ostream* os) { *os << r.name; }
+
+class CsidlByName : public ::testing::TestWithParam<CsidlRow> {};
+TEST_P(CsidlByName, Lookup) { EXPECT_EQ(GetParam().expected, GetCsidlByName(GetParam().input)); }
+INSTANTIATE_TEST_SUITE_P(
+    Rows, CsidlByName,
+    ::testing::Values(
+        CsidlRow{"first row", L"APPDATA", 0x1A}, CsidlRow{"lower-case input", L"appdata", 0x1A},
+        CsidlRow{"mixed case input", L"LocalAppData", 0x1C},
+        CsidlRow{"second spelling is not a token name", L"Local AppData", -1},
+        CsidlRow{"two rows share 0x05 MYDOCUMENTS", L"MYDOCUMENTS", 0x05},
+        CsidlRow{"two rows share 0x05 PERSONAL", L"personal", 0x05},
+        CsidlRow{"two rows share 0x19", L"COMMON_DESKTOPDIRECTORY", 0x19},
+        CsidlRow{"DEFAULT_PROGRAMS carries program files", L"DEFAULT_PROGRAMS", 0x26},
+        CsidlRow{"DEFAULT_PROFILE repeats 0x28", L"default_profile", 0x28},
+        CsidlRow{"PROGRAMFILESX86 before PROGRAMFILES", L"ProgramFilesX86", 0x2A},
+        CsidlRow{"PROGRAMFILES", L"PROGRAMFILES", 0x26},
+        CsidlRow{"last row", L"DEFAULT_STARTUP", 0x07},
+        CsidlRow{"underscore names", L"common_video", 0x37}, CsidlRow{"empty name", L"", -1},
+        CsidlRow{"name not in the table", L"DOWNLOADS", -1},
+        CsidlRow{"trailing space", L"APPDATA ", -1}, CsidlRow{"prefix of a name", L"APP", -1},
+        CsidlRow{"non-ASCII letter is not upper-cased", L"\u00e4PPDATA", -1}),
+    [](const ::testing::TestParamInfo<CsidlRow>& i) { return RowName(i.param.name); });
+
+TEST(CsidlNameTable, FortyRowsInOrder) {
+    const CsidlName expected[] = {
+        {L"APPDATA", 0x1A, nullptr},
+        {L"LOCALAPPDATA", 0x1C, L"Local AppData"},
+        {L"DESKTOPDIR", 0x10, L"DESKTOP"},
+        {L"PROGRAMS", 0x02, nullptr},
+        {L"MYDOCUMENTS", 0x05, nullptr},
+        {L"PERSONAL", 0x05, nullptr},
+        {L"FAVORITES", 0x06, nullptr},
+        {L"STARTUP", 0x07, nullptr},
+        {L"RECENT", 0x08, nullptr},
+        {L"SENDTO", 0x09, nullptr},
+        {L"STARTMENU", 0x0B, L"Start Menu"},
+        {L"FONTS", 0x14, nullptr},
+        {L"COOKIES", 0x21, nullptr},
+        {L"HISTORY", 0x22, nullptr},
+        {L"TEMPLATES", 0x15, nullptr},
+        {L"USERPROFILE", 0x28, L"USERPROFILE"},
+        {L"WINDOWS", 0x24, nullptr},
+        {L"SYSTEM", 0x25, nullptr},
+        {L"PROGRAMFILESX86", 0x2A, nullptr},
+        {L"PROGRAMFILES", 0x26, nullptr},
+        {L"MYPICTURES", 0x27, L"My Pictures"},
+        {L"MYMUSIC", 0x0D, L"My Music"},
+        {L"MYVIDEO", 0x0E, L"My Video"},
+        {L"COMMONX86", 0x2C, nullptr},
+        {L"COMMONFILES", 0x2B, nullptr},
+        {L"COMMON_APPDATA", 0x23, L"Common AppData"},
+        {L"COMMON_DESKTOPDIR", 0x19, L"Common Desktop"},
+        {L"COMMON_DESKTOPDIRECTORY", 0x19, nullptr},
+        {L"COMMON_DOCUMENTS", 0x2E, L"Common Documents"},
+        {L"COMMON_FAVORITES", 0x1F, nullptr},
+        {L"COMMON_PROGRAMS", 0x17, L"Common Programs"},
+        {L"COMMON_STARTMENU", 0x16, L"Common Start Menu"},
+        {L"COMMON_STARTUP", 0x18, L"Common Startup"},
+        {L"COMMON_PICTURES", 0x36, L"CommonPictures"},
+        {L"COMMON_MUSIC", 0x35, L"CommonMusic"},
+        {L"COMMON_VIDEO", 0x37, L"CommonVideo"},
+        {L"DEFAULT_PROFILE", 0x28, L"USERPROFILE"},
+        {L"DEFAULT_PROGRAMS", 0x26, L"Programs"},
+        {L"DEFAULT_STARTMENU", 0x0B, L"Start Menu"},
+        {L"DEFAULT_STARTUP", 0x07, L"Startup"},
+    };
+    size_t count = 0;
+    const CsidlName* table = GetCsidlNameTable(&count);
+    ASSERT_EQ(40u, count);
+    for (size_t i = 0; i < count; ++i) {
+        SCOPED_TRACE(expected[i].token);
+        EXPECT_EQ(std::wstring(expected[i].token), table[i].token);
+        EXPECT_EQ(expected[i].csidl, table[i].csidl);
+        EXPECT_EQ(std::wstring(expected[i].second ? expected[i].second : L"-"),
+                  std::wstring(table[i].second ? table[i].second : L"-"));
+    }
+}
+
+// ---------------------------------------------------------------------------
+// "CommonFilesDir" is read into 260 bytes: 129 characters and the terminator.
+// The folder tables are filled once per process, so each row runs in a child
+// that changes the value in the view its resolver reads, fills the table and
+// puts the value back at once.
+struct CommonFilesRow {
+    const char* name;
+    bool view64;
+    DWORD type;
+    size_t length;  // of the value, in characters (0: the text below)
+    bool terminated;
+    const wchar_t* text;  // when length is 0
+    bool expectEmpty;
+    const wchar_t* expectedText;  // when not empty and length is 0
+};
+
+const CommonFilesRow kCommonFilesRows[] = {
+    {"native 129 characters fit", false, REG_SZ, 129, true, nullptr, false, nullptr},
+    {"native 130 characters leave it empty", false, REG_SZ, 130, true, nullptr, true, nullptr},
+    {"native 129 characters without terminator fit", false, REG_SZ, 129, false, nullptr, false,
+     nullptr},
+    {"native 130 characters without terminator leave it empty", false, REG_SZ, 130, false, nullptr,
+     true, nullptr},
+    {"native REG_EXPAND_SZ is not expanded", false, REG_EXPAND_SZ, 0, true, L"%SystemDrive%\\CF",
+     false, L"%SystemDrive%\\CF"},
+    {"native DWORD leaves it empty", false, REG_DWORD, 0, true, L"", true, nullptr},
+    {"64-bit 129 characters fit", true, REG_SZ, 129, true, nullptr, false, nullptr},
+    {"64-bit 130 characters leave it empty", true, REG_SZ, 130, true, nullptr, true, nullptr},
+    {"64-bit REG_EXPAND_SZ is expanded", true, REG_EXPAND_SZ, 0, true, L"%SystemDrive%\\CF", false,
+     L"{DRIVE}\\CF"},
+};
+
+TEST(ExpandPathCommonFilesDir, Row_Child) {
+    if (!kwtest::IsChild()) GTEST_SKIP() << "runs in its own process";
+    const CommonFilesRow& r = kCommonFilesRows[_wtoi(Env(L"KW_EXPAND_ROW").c_str())];
+    std::wstring value = r.length ? L"C:\\" + std::wstring(r.length - 3, L'c') : r.text;
+    std::vector<BYTE> data(
+        reinterpret_cast<const BYTE*>(value.c_str()),
+        reinterpret_cast<const BYTE*>(value.c_str() + value.size() + (r.terminated ? 1 : 0)));
+    if (r.type == REG_DWORD) data.assign(4, 1);
+    wchar_t out[MAX_PATH] = {0};
+    std::wstring programFiles;
+    {
+        RegValueRestorer restore(r.view64 ? KEY_WOW64_64KEY : KEY_WOW64_32KEY, L"CommonFilesDir");
+        ASSERT_TRUE(restore.Set(r.type, data.data(), static_cast<DWORD>(data.size())));
+        if (r.view64) {
+            QueryFolderPath64(PATHID_COMMONFILES, out);
+            programFiles = GetFolderPathById64(PATHID_PROGRAMFILES);
+        } else {
+            QueryFolderPath(PATHID_COMMONFILES, out);
+            programFiles = GetFolderPathById(PATHID_PROGRAMFILES);
+        }
+    }
+    const std::wstring expected =
+        r.expectEmpty ? L"" : (r.length ? value : Facts().Fill(r.expectedText));
+    EXPECT_EQ(expected, std::wstring(out));
+    EXPECT_EQ(r.view64 ? Facts().pf64 : Facts().pf32, programFiles) << "520 bytes unaffected";
+    // Filled once: the restored value is not seen again.
+    EXPECT_EQ(expected, std::wstring(r.view64 ? GetFolderPathById64(PATHID_COMMONFILES)
+                                              : GetFolderPathById(PATHID_COMMONFILES)));
+}
+
+TEST(ExpandPathCommonFilesDir, Rows) {
+    const std::wstring cf32 = Facts().cf32, cf64 = Facts().cf64;
+    for (size_t i = 0; i < sizeof(kCommonFilesRows) / sizeof(kCommonFilesRows[0]); ++i) {
+        SCOPED_TRACE(kCommonFilesRows[i].name);
+        std::string out;
+        int rc = kwtest::RunChild("ExpandPathCommonFilesDir.Row_Child",
+                                  {"KW_EXPAND_ROW=" + std::to_string(i)}, &out);
+        EXPECT_EQ(0, rc) << out;
+        EXPECT_NE(std::string::npos, out.find("[  PASSED  ] 1 test")) << out;
+        EXPECT_EQ(cf32, RegString(KEY_WOW64_32KEY, L"CommonFilesDir", false)) << "restored";
+        EXPECT_EQ(cf64, RegString(KEY_WOW64_64KEY, L"CommonFilesDir", true)) << "restored";
+    }
+}
+
+// ---------------------------------------------------------------------------
+// Host threads resolve at the same time: the first fill of the process-wide
+// tables races here, and each thread's results stay its own.
+KW_CHILD_TEST(ExpandPathThreads, TablesAndResultBuffers) {
+    const SystemFacts& f = Facts();
+    const std::wstring sid = kwtest::CurrentUserSid();
+    const std::wstring temp = Env(L"TEMP");
+    struct Want {
+        int id;
+        bool view64;
+        std::wstring text;
+    };
+    const std::vector<Want> wants = {
+        {256, false, f.drive},   {257, false, f.windir}, {258, false, f.sysdir},
+        {259, false, f.pf32},    {260, false, f.cf32},   {261, false, L"%USERPROFILE%"},
+        {263, false, L"%TEMP%"}, {259, true, f.pf64},    {260, true, f.cf64},
+        {263, true, f.temp},
+    };
+    std::atomic<bool> go{false};
+    std::atomic<int> wrong{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 8; ++t) {
+        threads.emplace_back([&, t] {
+            while (!go.load()) Sleep(0);
+            for (int i = 0; i < 50; ++i) {
+                const Want& w = wants[(i + t) % wants.size()];
+                const wchar_t* p = w.view64 ? GetFolderPathById64(w.id) : GetFolderPathById(w.id);
+                Sleep(0);  // let the other threads write their results
+                if (w.text != p) ++wrong;
+                wchar_t out[MAX_PATH] = {0};
+                if (!kw_user::GetMultiUserRegManager()->GetSpecialShellVariableBySid(
+                        sid.c_str(), L"TEMP", out) ||
+                    temp != out)
+                    ++wrong;
+            }
+        });
+    }
+    go = true;
+    for (auto& th : threads) th.join();
+    EXPECT_EQ(0, wrong.load());
+}
+
+// ---------------------------------------------------------------------------
+// A second user, through the process-wide manager: no usable token, so the
+// environment cannot answer and the user's SID decides. The child runs with
+// no USERPROFILE, TEMP or TMP of its own.
+TEST(ExpandPathSecondUser, Run_Child) {
+    if (!kwtest::IsChild()) GTEST_SKIP() << "runs in its own process";
+    const std::wstring sid = Env(L"KW_SECOND_SID");
+    const std::wstring profile = Env(L"KW_SECOND_PROFILE");
+    ASSERT_FALSE(sid.empty());
+    ScopedEnv noProfile(L"USERPROFILE", nullptr);
+    ScopedEnv noTemp(L"TEMP", nullptr);
+    ScopedEnv noTmp(L"TMP", nullptr);
+    kwtest::RecordingSink sink;
+    SinkScope sinkScope(&sink);
+    const std::wstring temp = profile + L"\\AppData\\Local\\Temp";
+
+    wchar_t out[MAX_PATH] = {0};
+    EXPECT_TRUE(GetSpecialPathByToken(nullptr, sid.c_str(), PATHID_USERPROFILE, out));
+    EXPECT_EQ(profile, out);
+    EXPECT_TRUE(
+        sink.Has(L"GetSpecialShellVariableBySid Success szEnvir=USERPROFILE "
+                 L"szExpandEnvirPath=" +
+                 profile));
+    EXPECT_TRUE(GetSpecialPathByToken(nullptr, sid.c_str(), PATHID_TEMP, out));
+    EXPECT_EQ(temp, out);
+    EXPECT_TRUE(kwtest::RegKeyExists(HKEY_USERS, sid)) << "the user's hive is loaded";
+
+    struct Row {
+        const char* name;
+        const wchar_t* input;
+        std::wstring expected;
+    } rows[] = {
+        {"profile", L"%UserProfile%\\Desktop\\a.lnk", profile + L"\\Desktop\\a.lnk"},
+        {"temp", L"%Temp%\\x.exe", temp + L"\\x.exe"},
+        {"tmp", L"%Tmp%\\x.exe", temp + L"\\x.exe"},
+        {"upper-case TMP is left to the environment", L"%TMP%\\x.exe", L"%TMP%\\x.exe"},
+    };
+    for (const Row& r : rows) {
+        SCOPED_TRACE(r.name);
+        std::wstring s;
+        ExpandPathString(r.input, s, nullptr, sid.c_str(), NATIVE);
+        EXPECT_EQ(r.expected, s);
+        wchar_t buf[261] = {0};
+        CopyBounded(buf, 261, r.input);
+        ExpandPath(buf, sizeof(buf), nullptr, sid.c_str(), NATIVE);
+        EXPECT_EQ(r.expected, std::wstring(buf));
+    }
+}
+
+TEST(ExpandPathSecondUser, ProcessManagerAnswersWithoutToken) {
+    kwtest::SecondUserProfile user;
+    ASSERT_TRUE(user.Ready()) << std::string(user.Error().begin(), user.Error().end());
+    const std::string sid(user.Sid().begin(), user.Sid().end());
+    const std::string profile(user.Profile().begin(), user.Profile().end());
+    std::string out;
+    int rc = kwtest::RunChild("ExpandPathSecondUser.Run_Child",
+                              {"KW_SECOND_SID=" + sid, "KW_SECOND_PROFILE=" + profile}, &out);
+    EXPECT_EQ(0, rc) << out;
+    EXPECT_NE(std::string::npos, out.find("[  PASSED  ] 1 test")) << out;
+    EXPECT_FALSE(kwtest::RegKeyExists(HKEY_USERS, user.Sid()))
+        << "the process-wide manager unloads its hive when the process exits";
+    EXPECT_FALSE(kwtest::RegKeyExists(HKEY_USERS, user.Sid() + L"_Classes"));
+}
