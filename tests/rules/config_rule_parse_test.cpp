@@ -1,0 +1,713 @@
+// The rule parser: member types, validation, the last-rule-wins table, the
+// control-set rewrite of sub-keys, the trace lines, and bad rule texts.
+#include "rules/config_rule_parse.h"
+#include "rules/rule_text_convert.h"
+
+#include "common/handle.h"
+#include "resolve/wow64.h"
+#include "support/child.h"
+#include "support/control_set_select.h"
+#include "support/trace_capture.h"
+
+#include <gtest/gtest.h>
+
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wdeprecated-declarations"
+#include <rapidjson/document.h>
+#pragma GCC diagnostic pop
+
+#include <cctype>
+#include <string>
+#include <vector>
+
+using namespace kw;
+using kwtest::ScopedSink;
+
+namespace {
+
+#define LINE_EX L"[kwRegAnalyze][INFO ][ConfigRuleParse::PRINTF_REGRULE_EX] "
+#define LINE_RULE L"[kwRegAnalyze][INFO ][ConfigRuleParse::PRINTF_REGRULE] "
+#define LINE_ARRY_ERR L"[kwRegAnalyze][ERROR][ConfigRuleParse::Json2RuleArry] "
+#define LINE_SUBKEY L"[kwRegAnalyze][INFO ][ConfigRuleParse::TranslateSubkey] "
+
+constexpr uint32_t HKLM = 0x80000002;
+constexpr uint32_t HKU = 0x80000003;
+
+// Keeps embedded NULs of a literal.
+template <size_t N>
+std::string Bytes(const char (&s)[N]) {
+    return std::string(s, N - 1);
+}
+
+RegRule Rule(int32_t id, int32_t fn, uint32_t check, uint32_t flag, uint32_t root,
+             const wchar_t* sub = L"", const wchar_t* value = L"", const wchar_t* p1 = L"") {
+    RegRule r;
+    r.ParseID = id;
+    r.FunctionID = fn;
+    r.CheckID = check;
+    r.bValueName = flag;
+    r.RegRootkey = root;
+    r.RegSubkey = sub;
+    r.RegValueName = value;
+    r.Parameter1 = p1;
+    return r;
+}
+
+std::string Describe(const RegRule& r) {
+    std::string s = "{" + std::to_string(r.ParseID) + "," + std::to_string(r.FunctionID) + "," +
+                    std::to_string(r.CheckID) + "," + std::to_string(r.bValueName) + "," +
+                    std::to_string(r.RegRootkey) + ",";
+    for (const std::wstring* w : {&r.RegSubkey, &r.RegValueName, &r.Parameter1}) {
+        s += "\"";
+        for (wchar_t c : *w) s += (c >= 32 && c < 127) ? static_cast<char>(c) : '?';
+        s += "\"(" + std::to_string(w->size()) + "),";
+    }
+    return s + "}";
+}
+
+void ExpectTable(const std::vector<RegRule>& expected, const RuleTable& table) {
+    ASSERT_EQ(expected.size(), table.size());
+    for (const RegRule& e : expected) {
+        auto it = table.find(e.ParseID);
+        ASSERT_NE(table.end(), it) << "ParseID " << e.ParseID;
+        const RegRule& a = it->second;
+        EXPECT_TRUE(a.ParseID == e.ParseID && a.FunctionID == e.FunctionID && a.CheckID == e.CheckID &&
+                    a.bValueName == e.bValueName && a.RegRootkey == e.RegRootkey &&
+                    a.RegSubkey == e.RegSubkey && a.RegValueName == e.RegValueName &&
+                    a.Parameter1 == e.Parameter1)
+            << "expected " << Describe(e) << "\n  actual " << Describe(a);
+    }
+}
+
+std::string ParamName(const char* name) {
+    std::string s;
+    for (const char* p = name; *p; ++p) s += std::isalnum(static_cast<unsigned char>(*p)) ? *p : '_';
+    return s;
+}
+
+// ---------------------------------------------------------------------------
+// Json2RuleArry: one rule text per row, the whole table and every trace line.
+
+struct ParseRow {
+    const char* name;
+    std::string text;
+    bool result;
+    std::vector<RegRule> rules;
+    std::vector<std::wstring> lines;
+};
+
+std::ostream& operator<<(std::ostream& os, const ParseRow& r) { return os << r.name; }
+
+class Json2RuleArryTest : public ::testing::TestWithParam<ParseRow> {};
+
+TEST_P(Json2RuleArryTest, TableResultAndLines) {
+    const ParseRow& row = GetParam();
+    ScopedSink cap;
+    RuleTable table;
+    table[999] = Rule(999, 1, 0, 0, 0);  // a table that is not empty beforehand
+    ConfigRuleParse parser;
+    EXPECT_EQ(row.result, parser.Json2RuleArry(row.text, table));
+    ExpectTable(row.rules, table);
+    EXPECT_EQ(row.lines, cap.Texts());
+}
+
+const char kValid5[] =
+    R"({"RegParseConfig":[{"ParseID":5,"FunctionID":5,"CheckID":1,"RegRootkey":2147483650,"RegSubkey":"Software\\x","RegValueName":"v"}]})";
+
+INSTANTIATE_TEST_SUITE_P(
+    Rows, Json2RuleArryTest,
+    ::testing::Values(
+        ParseRow{"valid rule with value name", kValid5, true,
+                 {Rule(5, 5, 1, 1, HKLM, L"Software\\x", L"v")},
+                 {LINE_EX L"[0]parseID:5 FunctionID:5 CheckID:1 HKEY:HKEY_LOCAL_MACHINE SubKey:Software\\x value:v"}},
+        ParseRow{"valid rule with parameter",
+                 R"({"RegParseConfig":[{"ParseID":6,"FunctionID":1,"CheckID":2,"RegRootkey":2147483651,"RegSubkey":"S\\y","RegValueName":"Run","Parameter1":"p q"}]})",
+                 true,
+                 {Rule(6, 1, 2, 1, HKU, L"S\\y", L"Run", L"p q")},
+                 {LINE_EX L"[0]parseID:6 FunctionID:1 CheckID:2 HKEY:HKEY_USERS SubKey:S\\y value:Run Parameter1:p q(3)"}},
+        ParseRow{"root key given without value name",
+                 R"({"RegParseConfig":[{"ParseID":8,"FunctionID":2,"CheckID":2,"RegRootkey":2147483651,"RegSubkey":"S\\y","Parameter1":"x"}]})",
+                 true,
+                 {Rule(8, 2, 2, 0, HKU, L"S\\y", L"", L"x")},
+                 {LINE_EX L"[0]parseID:8 FunctionID:2 CheckID:2 HKEY:HKEY_USERS SubKey:S\\y"}},
+        ParseRow{"empty value name sets the flag",
+                 R"({"RegParseConfig":[{"ParseID":8,"FunctionID":2,"RegRootkey":2147483650,"RegSubkey":"S","RegValueName":""}]})",
+                 true,
+                 {Rule(8, 2, 0, 1, HKLM, L"S")},
+                 {LINE_EX L"[0]parseID:8 FunctionID:2 CheckID:0 HKEY:HKEY_LOCAL_MACHINE SubKey:S"}},
+        ParseRow{"no root key and no parameter",
+                 R"({"RegParseConfig":[{"ParseID":7,"FunctionID":1}]})", true,
+                 {Rule(7, 1, 0, 0, 0)},
+                 {LINE_EX L"[0]parseID:7 FunctionID:1 CheckID:0 HKEY:0"}},
+        ParseRow{"no root key with parameter and any sub-key",
+                 R"({"RegParseConfig":[{"ParseID":7,"FunctionID":1,"RegSubkey":"a","Parameter1":",;"}]})", true,
+                 {Rule(7, 1, 0, 0, 0, L"a", L"", L",;")},
+                 {LINE_EX L"[0]parseID:7 FunctionID:1 CheckID:0 HKEY:0 Parameter1:,;(2)"}},
+        ParseRow{"largest ParseID",
+                 R"({"RegParseConfig":[{"ParseID":2147483647,"FunctionID":22}]})", true,
+                 {Rule(2147483647, 22, 0, 0, 0)},
+                 {LINE_EX L"[0]parseID:2147483647 FunctionID:22 CheckID:0 HKEY:0"}},
+        ParseRow{"FunctionID above the analyzer range is left to dispatch",
+                 R"({"RegParseConfig":[{"ParseID":1,"FunctionID":23}]})", true,
+                 {Rule(1, 23, 0, 0, 0)},
+                 {LINE_EX L"[0]parseID:1 FunctionID:23 CheckID:0 HKEY:0"}},
+        ParseRow{"root key as a string is ignored",
+                 R"({"RegParseConfig":[{"ParseID":3,"FunctionID":1,"RegRootkey":"2147483650","RegSubkey":"x"}]})", true,
+                 {Rule(3, 1, 0, 0, 0, L"x")},
+                 {LINE_EX L"[0]parseID:3 FunctionID:1 CheckID:0 HKEY:0"}},
+        ParseRow{"root key as a float is ignored",
+                 R"({"RegParseConfig":[{"ParseID":3,"FunctionID":1,"RegRootkey":2147483650.0,"RegSubkey":"x"}]})", true,
+                 {Rule(3, 1, 0, 0, 0, L"x")},
+                 {LINE_EX L"[0]parseID:3 FunctionID:1 CheckID:0 HKEY:0"}},
+        ParseRow{"negative 64-bit root key keeps its low 32 bits",
+                 R"({"RegParseConfig":[{"ParseID":3,"FunctionID":1,"RegRootkey":-2147483646,"RegSubkey":"x"}]})", true,
+                 {Rule(3, 1, 0, 0, HKLM, L"x")},
+                 {LINE_EX L"[0]parseID:3 FunctionID:1 CheckID:0 HKEY:HKEY_LOCAL_MACHINE SubKey:x"}},
+        ParseRow{"root key above 32 bits keeps its low 32 bits",
+                 R"({"RegParseConfig":[{"ParseID":3,"FunctionID":1,"RegRootkey":6442450947,"RegSubkey":"x"}]})", true,
+                 {Rule(3, 1, 0, 0, HKU, L"x")},
+                 {LINE_EX L"[0]parseID:3 FunctionID:1 CheckID:0 HKEY:HKEY_USERS SubKey:x"}},
+        ParseRow{"root key beyond signed 64 bits is ignored",
+                 R"({"RegParseConfig":[{"ParseID":3,"FunctionID":1,"RegRootkey":18446744073709551615}]})", true,
+                 {Rule(3, 1, 0, 0, 0)},
+                 {LINE_EX L"[0]parseID:3 FunctionID:1 CheckID:0 HKEY:0"}},
+        ParseRow{"CheckID beyond signed 32 bits leaves the field 0",
+                 R"({"RegParseConfig":[{"ParseID":4,"FunctionID":1,"CheckID":4294967295}]})", true,
+                 {Rule(4, 1, 0, 0, 0)},
+                 {LINE_EX L"[0]parseID:4 FunctionID:1 CheckID:0 HKEY:0"}},
+        ParseRow{"HKEY_CURRENT_USER root is rejected",
+                 R"({"RegParseConfig":[{"ParseID":9,"FunctionID":1,"RegRootkey":2147483649,"RegSubkey":"Software"}]})", false,
+                 {},
+                 {LINE_ARRY_ERR L"Rule[0] ParseID:9 Not meet the requirement",
+                  LINE_RULE L"parseID:9 FunctionID:1 CheckID:0 HKEY:NULL SubKey:Software"}},
+        ParseRow{"HKEY_CLASSES_ROOT root is rejected",
+                 R"({"RegParseConfig":[{"ParseID":9,"FunctionID":1,"RegRootkey":2147483648,"RegSubkey":"CLSID","RegValueName":"v"}]})", false,
+                 {},
+                 {LINE_ARRY_ERR L"Rule[0] ParseID:9 Not meet the requirement",
+                  LINE_RULE L"parseID:9 FunctionID:1 CheckID:0 HKEY:NULL SubKey:CLSID value:v"}},
+        ParseRow{"HKEY_LOCAL_MACHINE without sub-key is rejected",
+                 R"({"RegParseConfig":[{"ParseID":9,"FunctionID":1,"RegRootkey":2147483650,"RegValueName":"v","Parameter1":"p"}]})", false,
+                 {},
+                 {LINE_ARRY_ERR L"Rule[0] ParseID:9 Not meet the requirement",
+                  LINE_RULE L"parseID:9 FunctionID:1 CheckID:0 HKEY:HKEY_LOCAL_MACHINE SubKey:"}},
+        ParseRow{"rejected rule with every field shows its parameter",
+                 R"({"RegParseConfig":[{"ParseID":9,"FunctionID":0,"RegRootkey":2147483651,"RegSubkey":"s","RegValueName":"v","Parameter1":"p"}]})", false,
+                 {},
+                 {LINE_ARRY_ERR L"Rule[0] ParseID:9 Not meet the requirement",
+                  LINE_RULE L"parseID:9 FunctionID:0 CheckID:0 HKEY:HKEY_USERS SubKey:s value:v Parameter1:p"}},
+        ParseRow{"CheckID 3 is rejected",
+                 R"({"RegParseConfig":[{"ParseID":5,"FunctionID":5,"CheckID":3}]})", false,
+                 {},
+                 {LINE_ARRY_ERR L"Rule[0] ParseID:5 Not meet the requirement",
+                  LINE_RULE L"parseID:5 FunctionID:5 CheckID:3 "}},
+        ParseRow{"negative CheckID is rejected as a large unsigned number",
+                 R"({"RegParseConfig":[{"ParseID":5,"FunctionID":5,"CheckID":-1}]})", false,
+                 {},
+                 {LINE_ARRY_ERR L"Rule[0] ParseID:5 Not meet the requirement",
+                  LINE_RULE L"parseID:5 FunctionID:5 CheckID:-1 "}},
+        ParseRow{"ParseID 0 is rejected",
+                 R"({"RegParseConfig":[{"ParseID":0,"FunctionID":5}]})", false,
+                 {},
+                 {LINE_ARRY_ERR L"Rule[0] ParseID:0 Not meet the requirement",
+                  LINE_RULE L"parseID:0 FunctionID:5 CheckID:0 "}},
+        ParseRow{"negative ParseID is rejected",
+                 R"({"RegParseConfig":[{"ParseID":-2147483648,"FunctionID":5}]})", false,
+                 {},
+                 {LINE_ARRY_ERR L"Rule[0] ParseID:-2147483648 Not meet the requirement",
+                  LINE_RULE L"parseID:-2147483648 FunctionID:5 CheckID:0 "}},
+        ParseRow{"ParseID beyond signed 32 bits leaves 0",
+                 R"({"RegParseConfig":[{"ParseID":2147483648,"FunctionID":5}]})", false,
+                 {},
+                 {LINE_ARRY_ERR L"Rule[0] ParseID:0 Not meet the requirement",
+                  LINE_RULE L"parseID:0 FunctionID:5 CheckID:0 "}},
+        ParseRow{"FunctionID -1 is rejected",
+                 R"({"RegParseConfig":[{"ParseID":5,"FunctionID":-1}]})", false,
+                 {},
+                 {LINE_ARRY_ERR L"Rule[0] ParseID:5 Not meet the requirement",
+                  LINE_RULE L"parseID:5 FunctionID:-1 CheckID:0 "}},
+        ParseRow{"missing FunctionID is rejected",
+                 R"({"RegParseConfig":[{"ParseID":5}]})", false,
+                 {},
+                 {LINE_ARRY_ERR L"Rule[0] ParseID:5 Not meet the requirement",
+                  LINE_RULE L"parseID:5 FunctionID:0 CheckID:0 "}},
+        ParseRow{"floating ParseID is not an integer",
+                 R"({"RegParseConfig":[{"ParseID":5.0,"FunctionID":5}]})", false,
+                 {},
+                 {LINE_ARRY_ERR L"Rule[0] ParseID:0 Not meet the requirement",
+                  LINE_RULE L"parseID:0 FunctionID:5 CheckID:0 "}},
+        ParseRow{"exponent FunctionID is not an integer",
+                 R"({"RegParseConfig":[{"ParseID":5,"FunctionID":1e1}]})", false,
+                 {},
+                 {LINE_ARRY_ERR L"Rule[0] ParseID:5 Not meet the requirement",
+                  LINE_RULE L"parseID:5 FunctionID:0 CheckID:0 "}},
+        ParseRow{"ParseID as a string is ignored",
+                 R"({"RegParseConfig":[{"ParseID":"5","FunctionID":5}]})", false,
+                 {},
+                 {LINE_ARRY_ERR L"Rule[0] ParseID:0 Not meet the requirement",
+                  LINE_RULE L"parseID:0 FunctionID:5 CheckID:0 "}},
+        ParseRow{"ParseID as a boolean is ignored",
+                 R"({"RegParseConfig":[{"ParseID":true,"FunctionID":5}]})", false,
+                 {},
+                 {LINE_ARRY_ERR L"Rule[0] ParseID:0 Not meet the requirement",
+                  LINE_RULE L"parseID:0 FunctionID:5 CheckID:0 "}},
+        ParseRow{"member names are case-sensitive",
+                 R"({"RegParseConfig":[{"parseid":5,"FunctionID":5}]})", false,
+                 {},
+                 {LINE_ARRY_ERR L"Rule[0] ParseID:0 Not meet the requirement",
+                  LINE_RULE L"parseID:0 FunctionID:5 CheckID:0 "}},
+        ParseRow{"strings of other JSON types are ignored",
+                 R"({"RegParseConfig":[{"ParseID":5,"FunctionID":5,"RegSubkey":true,"RegValueName":null,"Parameter1":5}]})", true,
+                 {Rule(5, 5, 0, 0, 0)},
+                 {LINE_EX L"[0]parseID:5 FunctionID:5 CheckID:0 HKEY:0"}},
+        ParseRow{"invalid rule does not stop the following ones",
+                 R"({"RegParseConfig":[{"ParseID":1,"FunctionID":1,"CheckID":3},{"ParseID":2,"FunctionID":2}]})", false,
+                 {Rule(2, 2, 0, 0, 0)},
+                 {LINE_ARRY_ERR L"Rule[0] ParseID:1 Not meet the requirement",
+                  LINE_RULE L"parseID:1 FunctionID:1 CheckID:3 ",
+                  LINE_EX L"[1]parseID:2 FunctionID:2 CheckID:0 HKEY:0"}},
+        ParseRow{"the later rule with the same ParseID wins",
+                 R"({"RegParseConfig":[{"ParseID":5,"FunctionID":1,"Parameter1":"first"},{"ParseID":5,"FunctionID":2}]})", true,
+                 {Rule(5, 2, 0, 0, 0)},
+                 {LINE_EX L"[0]parseID:5 FunctionID:1 CheckID:0 HKEY:0 Parameter1:first(5)",
+                  LINE_EX L"[1]parseID:5 FunctionID:2 CheckID:0 HKEY:0"}},
+        ParseRow{"an invalid duplicate does not replace the valid rule",
+                 R"({"RegParseConfig":[{"ParseID":5,"FunctionID":1},{"ParseID":5,"FunctionID":0}]})", false,
+                 {Rule(5, 1, 0, 0, 0)},
+                 {LINE_EX L"[0]parseID:5 FunctionID:1 CheckID:0 HKEY:0",
+                  LINE_ARRY_ERR L"Rule[1] ParseID:5 Not meet the requirement",
+                  LINE_RULE L"parseID:5 FunctionID:0 CheckID:0 "}},
+        ParseRow{"elements that are not objects are skipped",
+                 R"({"RegParseConfig":[1,"x",null,[],{"ParseID":3,"FunctionID":3}]})", false,
+                 {Rule(3, 3, 0, 0, 0)},
+                 {LINE_ARRY_ERR L"Rule[0] is not an object", LINE_ARRY_ERR L"Rule[1] is not an object",
+                  LINE_ARRY_ERR L"Rule[2] is not an object", LINE_ARRY_ERR L"Rule[3] is not an object",
+                  LINE_EX L"[4]parseID:3 FunctionID:3 CheckID:0 HKEY:0"}},
+        ParseRow{"RegParseConfig that is an object gives an empty table",
+                 R"({"RegParseConfig":{"ParseID":3,"FunctionID":3}})", true, {}, {}},
+        ParseRow{"RegParseConfig that is a string gives an empty table",
+                 R"({"RegParseConfig":"[]"})", true, {}, {}},
+        ParseRow{"missing RegParseConfig gives an empty table", R"({"Other":[{"ParseID":3,"FunctionID":3}]})",
+                 true, {}, {}},
+        ParseRow{"empty RegParseConfig gives an empty table", R"({"RegParseConfig":[]})", true, {}, {}},
+        ParseRow{"the first of two RegParseConfig members is read",
+                 R"({"RegParseConfig":[],"RegParseConfig":[{"ParseID":3,"FunctionID":3}]})", true, {}, {}},
+        ParseRow{"other root members are ignored",
+                 R"({"Version":2,"RegParseConfig":[{"ParseID":3,"FunctionID":3}],"Extra":{}})", true,
+                 {Rule(3, 3, 0, 0, 0)},
+                 {LINE_EX L"[0]parseID:3 FunctionID:3 CheckID:0 HKEY:0"}},
+        ParseRow{"root array gives an empty table", R"([{"RegParseConfig":[]}])", true, {}, {}},
+        ParseRow{"root number gives an empty table", "5", true, {}, {}},
+        ParseRow{"escaped non-ASCII text", R"({"RegParseConfig":[{"ParseID":3,"FunctionID":3,"Parameter1":"\u540d"}]})",
+                 true,
+                 {Rule(3, 3, 0, 0, 0, L"", L"", L"\u540d")},
+                 {LINE_EX L"[0]parseID:3 FunctionID:3 CheckID:0 HKEY:0 Parameter1:\u540d(1)"}},
+        ParseRow{"UTF-8 outside the basic plane counts two characters",
+                 "{\"RegParseConfig\":[{\"ParseID\":3,\"FunctionID\":3,\"Parameter1\":\"\xF0\x9F\x98\x80\"}]}", true,
+                 {Rule(3, 3, 0, 0, 0, L"", L"", L"\xD83D\xDE00")},
+                 {LINE_EX L"[0]parseID:3 FunctionID:3 CheckID:0 HKEY:0 Parameter1:\xD83D\xDE00(2)"}},
+        ParseRow{"invalid UTF-8 is replaced, not rejected",
+                 "{\"RegParseConfig\":[{\"ParseID\":3,\"FunctionID\":3,\"Parameter1\":\"a\xFF" "b\"}]}", true,
+                 {Rule(3, 3, 0, 0, 0, L"", L"", L"a\xFFFD" L"b")},
+                 {LINE_EX L"[0]parseID:3 FunctionID:3 CheckID:0 HKEY:0 Parameter1:a\xFFFD" L"b(3)"}},
+        ParseRow{"an escaped NUL ends a string value",
+                 R"({"RegParseConfig":[{"ParseID":3,"FunctionID":3,"Parameter1":"ab\u0000cd"}]})", true,
+                 {Rule(3, 3, 0, 0, 0, L"", L"", L"ab")},
+                 {LINE_EX L"[0]parseID:3 FunctionID:3 CheckID:0 HKEY:0 Parameter1:ab(2)"}},
+        ParseRow{"text after a NUL byte is ignored",
+                 Bytes("{\"RegParseConfig\":[{\"ParseID\":3,\"FunctionID\":3}]}\0garbage"), true,
+                 {Rule(3, 3, 0, 0, 0)},
+                 {LINE_EX L"[0]parseID:3 FunctionID:3 CheckID:0 HKEY:0"}},
+        ParseRow{"a NUL byte inside the document ends the text",
+                 Bytes("{\"RegParseConfig\":[\0{\"ParseID\":3,\"FunctionID\":3}]}"), false, {},
+                 {LINE_ARRY_ERR L"ConfigRuleParse::Json2RuleArry parse json error=3, offset=19"}},
+        ParseRow{"a leading NUL byte reads as empty text", Bytes("\0{\"RegParseConfig\":[]}"), false, {},
+                 {LINE_ARRY_ERR L"ConfigRuleParse::Json2RuleArry parse json error=1, offset=0"}},
+        ParseRow{"empty text", "", false, {},
+                 {LINE_ARRY_ERR L"ConfigRuleParse::Json2RuleArry parse json error=1, offset=0"}},
+        ParseRow{"blank text", "   ", false, {},
+                 {LINE_ARRY_ERR L"ConfigRuleParse::Json2RuleArry parse json error=1, offset=3"}},
+        ParseRow{"unclosed object", "{", false, {},
+                 {LINE_ARRY_ERR L"ConfigRuleParse::Json2RuleArry parse json error=4, offset=1"}},
+        ParseRow{"unclosed rule array", "{\"RegParseConfig\":[", false, {},
+                 {LINE_ARRY_ERR L"ConfigRuleParse::Json2RuleArry parse json error=3, offset=19"}},
+        ParseRow{"text after the root value", "{\"RegParseConfig\":[]} x", false, {},
+                 {LINE_ARRY_ERR L"ConfigRuleParse::Json2RuleArry parse json error=2, offset=22"}},
+        ParseRow{"trailing comma in the array", "{\"RegParseConfig\":[{\"ParseID\":1}],}", false, {},
+                 {LINE_ARRY_ERR L"ConfigRuleParse::Json2RuleArry parse json error=4, offset=34"}},
+        ParseRow{"comment", "/*c*/{}", false, {},
+                 {LINE_ARRY_ERR L"ConfigRuleParse::Json2RuleArry parse json error=3, offset=0"}},
+        ParseRow{"single-quoted name", "{'a':1}", false, {},
+                 {LINE_ARRY_ERR L"ConfigRuleParse::Json2RuleArry parse json error=4, offset=1"}},
+        ParseRow{"missing colon", "{\"a\" 1}", false, {},
+                 {LINE_ARRY_ERR L"ConfigRuleParse::Json2RuleArry parse json error=5, offset=5"}},
+        ParseRow{"missing comma between members", "{\"a\":1 \"b\":2}", false, {},
+                 {LINE_ARRY_ERR L"ConfigRuleParse::Json2RuleArry parse json error=6, offset=7"}},
+        ParseRow{"missing comma between elements", "[1 2]", false, {},
+                 {LINE_ARRY_ERR L"ConfigRuleParse::Json2RuleArry parse json error=7, offset=3"}},
+        ParseRow{"bad unicode escape", "\"\\uZZZZ\"", false, {},
+                 {LINE_ARRY_ERR L"ConfigRuleParse::Json2RuleArry parse json error=8, offset=1"}},
+        ParseRow{"unterminated string", "\"abc", false, {},
+                 {LINE_ARRY_ERR L"ConfigRuleParse::Json2RuleArry parse json error=11, offset=4"}},
+        ParseRow{"number without fraction digits", "1.", false, {},
+                 {LINE_ARRY_ERR L"ConfigRuleParse::Json2RuleArry parse json error=14, offset=2"}},
+        ParseRow{"misspelt literal in a rule", "{\"RegParseConfig\":[tru]}", false, {},
+                 {LINE_ARRY_ERR L"ConfigRuleParse::Json2RuleArry parse json error=3, offset=22"}},
+        ParseRow{"number too big", "1e999999", false, {},
+                 {LINE_ARRY_ERR L"ConfigRuleParse::Json2RuleArry parse json error=13, offset=0"}}),
+    [](const ::testing::TestParamInfo<ParseRow>& info) { return ParamName(info.param.name); });
+
+// Iterative parsing must report what the recursive default reports.
+TEST(Json2RuleArry, ParseErrorsMatchTheDefaultParser) {
+    const char* texts[] = {"", "   ", "{", "{\"RegParseConfig\":[", "{\"RegParseConfig\":[]} x", "[1,]",
+                           "{\"a\":1,}", "/*c*/{}", "{\"a\" 1}", "{\"a\":1 \"b\":2}", "[1 2]", "\"\\uZZZZ\"",
+                           "\"\\uD800\"", "\"\\x\"", "\"abc", "1.", "1e", "01", "-", "nul", "[1]]",
+                           "{\"RegParseConfig\":[{\"ParseID\":1}]}}", "1e999999"};
+    for (const char* text : texts) {
+        SCOPED_TRACE(text);
+        rapidjson::Document reference;
+        reference.Parse(text);
+        ASSERT_TRUE(reference.HasParseError());
+        ScopedSink cap;
+        RuleTable table;
+        EXPECT_FALSE(ConfigRuleParse().Json2RuleArry(text, table));
+        std::wstring expected = LINE_ARRY_ERR L"ConfigRuleParse::Json2RuleArry parse json error=" +
+                                std::to_wstring(reference.GetParseError()) + L", offset=" +
+                                std::to_wstring(reference.GetErrorOffset());
+        EXPECT_EQ(std::vector<std::wstring>{expected}, cap.Texts());
+    }
+}
+
+// ---------------------------------------------------------------------------
+// Bad input: deep nesting, many rules, huge strings.
+
+constexpr size_t kDeep = 100000;
+
+TEST(Json2RuleArryBadInput, DeeplyNestedUnclosedArrays) {
+    ScopedSink cap;
+    RuleTable table;
+    EXPECT_FALSE(ConfigRuleParse().Json2RuleArry(std::string(kDeep, '['), table));
+    EXPECT_TRUE(table.empty());
+    EXPECT_EQ(std::vector<std::wstring>{LINE_ARRY_ERR L"ConfigRuleParse::Json2RuleArry parse json error=3, offset=100000"},
+              cap.Texts());
+}
+
+TEST(Json2RuleArryBadInput, DeeplyNestedClosedArraysAsRoot) {
+    ScopedSink cap;
+    RuleTable table;
+    EXPECT_TRUE(ConfigRuleParse().Json2RuleArry(std::string(kDeep, '[') + std::string(kDeep, ']'), table));
+    EXPECT_TRUE(table.empty());
+    EXPECT_TRUE(cap.Texts().empty());
+}
+
+TEST(Json2RuleArryBadInput, DeeplyNestedElementIsSkipped) {
+    ScopedSink cap;
+    RuleTable table;
+    std::string text = "{\"RegParseConfig\":[" + std::string(kDeep, '[') + std::string(kDeep, ']') +
+                       ",{\"ParseID\":1,\"FunctionID\":1}]}";
+    EXPECT_FALSE(ConfigRuleParse().Json2RuleArry(text, table));
+    ExpectTable({Rule(1, 1, 0, 0, 0)}, table);
+    EXPECT_EQ((std::vector<std::wstring>{LINE_ARRY_ERR L"Rule[0] is not an object",
+                                         LINE_EX L"[1]parseID:1 FunctionID:1 CheckID:0 HKEY:0"}),
+              cap.Texts());
+}
+
+TEST(Json2RuleArryBadInput, DeeplyNestedMemberInsideAValidRule) {
+    ScopedSink cap;
+    RuleTable table;
+    std::string deepObjects;
+    for (size_t i = 0; i < kDeep; ++i) deepObjects += "{\"a\":";
+    deepObjects += "0" + std::string(kDeep, '}');
+    std::string text = "{\"RegParseConfig\":[{\"ParseID\":1,\"Extra\":" + deepObjects + ",\"FunctionID\":2}]}";
+    EXPECT_TRUE(ConfigRuleParse().Json2RuleArry(text, table));
+    ExpectTable({Rule(1, 2, 0, 0, 0)}, table);
+}
+
+TEST(Json2RuleArryBadInput, HundredThousandRules) {
+    const int count = 100000;
+    std::string text = "{\"RegParseConfig\":[";
+    for (int i = 1; i <= count; ++i) {
+        if (i > 1) text += ',';
+        text += "{\"ParseID\":" + std::to_string(i) +
+                ",\"FunctionID\":1,\"CheckID\":1,\"RegRootkey\":2147483650,\"RegSubkey\":\"Software\\\\k" +
+                std::to_string(i) + "\",\"RegValueName\":\"v\"}";
+    }
+    text += "]}";
+    ScopedSink cap;
+    RuleTable table;
+    EXPECT_TRUE(ConfigRuleParse().Json2RuleArry(text, table));
+    ASSERT_EQ(static_cast<size_t>(count), table.size());
+    EXPECT_EQ(L"Software\\k100000", table.at(count).RegSubkey);
+    std::vector<std::wstring> lines = cap.Texts();
+    ASSERT_EQ(static_cast<size_t>(count), lines.size());
+    EXPECT_EQ(LINE_EX L"[0]parseID:1 FunctionID:1 CheckID:1 HKEY:HKEY_LOCAL_MACHINE SubKey:Software\\k1 value:v",
+              lines.front());
+    EXPECT_EQ(LINE_EX L"[99999]parseID:100000 FunctionID:1 CheckID:1 HKEY:HKEY_LOCAL_MACHINE SubKey:Software\\k100000 value:v",
+              lines.back());
+}
+
+TEST(Json2RuleArryBadInput, HugeStringsAreKeptWhole) {
+    const std::string big(1000000, 'v');
+    std::string text = "{\"RegParseConfig\":[{\"ParseID\":1,\"FunctionID\":1,\"RegRootkey\":2147483650,"
+                       "\"RegSubkey\":\"" + big + "\",\"RegValueName\":\"" + big + "\",\"Parameter1\":\"" + big +
+                       "\"}]}";
+    RuleTable table;
+    EXPECT_TRUE(ConfigRuleParse().Json2RuleArry(text, table));
+    ASSERT_EQ(1u, table.size());
+    EXPECT_EQ(big.size(), table.at(1).RegSubkey.size());
+    EXPECT_EQ(big.size(), table.at(1).RegValueName.size());
+    EXPECT_EQ(big.size(), table.at(1).Parameter1.size());
+}
+
+// ---------------------------------------------------------------------------
+// ConfigFileToRegditRule.
+
+TEST(ConfigFileToRegditRule, EmptyTextKeepsTheTableAndTracesTheLastError) {
+    ScopedSink cap;
+    RuleTable table;
+    table[7] = Rule(7, 1, 0, 0, 0);
+    SetLastError(1234);
+    EXPECT_FALSE(ConfigRuleParse().ConfigFileToRegditRule(std::string(), table));
+    ExpectTable({Rule(7, 1, 0, 0, 0)}, table);
+    EXPECT_EQ(std::vector<std::wstring>{L"[kwRegAnalyze][ERROR][ConfigRuleParse::ConfigFileToRegditRule] "
+                                        L"ConfigFileToRegditRule ConfigContent.length = 0  Fail:1234"},
+              cap.Texts());
+}
+
+TEST(ConfigFileToRegditRule, TextIsParsed) {
+    RuleTable table;
+    table[7] = Rule(7, 1, 0, 0, 0);
+    EXPECT_TRUE(ConfigRuleParse().ConfigFileToRegditRule(kValid5, table));
+    ExpectTable({Rule(5, 5, 1, 1, HKLM, L"Software\\x", L"v")}, table);
+    EXPECT_FALSE(ConfigRuleParse().ConfigFileToRegditRule("{", table));
+    EXPECT_TRUE(table.empty()) << "a parse error clears the table";
+}
+
+TEST(ConfigFileToRegditRule, SilentWithoutSink) {
+    SetLogSink(nullptr);
+    RuleTable table;
+    EXPECT_FALSE(ConfigRuleParse().ConfigFileToRegditRule(std::string(), table));
+    EXPECT_FALSE(ConfigRuleParse().ConfigFileToRegditRule("{", table));
+    EXPECT_TRUE(ConfigRuleParse().ConfigFileToRegditRule(kValid5, table));
+    EXPECT_EQ(1u, table.size());
+}
+
+// ---------------------------------------------------------------------------
+// TranslateSubkey with a given control-set name.
+
+struct SubkeyRow {
+    const char* name;
+    std::wstring subkey;
+    const wchar_t* controlSet;
+    std::wstring expected;
+    bool traced;
+};
+
+std::ostream& operator<<(std::ostream& os, const SubkeyRow& r) { return os << r.name; }
+
+class TranslateSubkeyTest : public ::testing::TestWithParam<SubkeyRow> {};
+
+TEST_P(TranslateSubkeyTest, Rewrites) {
+    const SubkeyRow& row = GetParam();
+    ScopedSink cap;
+    RegRule rule = Rule(1, 1, 0, 0, HKLM, row.subkey.c_str());
+    EXPECT_TRUE(ConfigRuleParse().TranslateSubkey(rule, row.controlSet));
+    EXPECT_EQ(row.expected, rule.RegSubkey);
+    std::vector<std::wstring> expectedLines;
+    if (row.traced) expectedLines.push_back(LINE_SUBKEY L"TranslateSubkey old=" + row.subkey + L" New= " + row.expected);
+    EXPECT_EQ(expectedLines, cap.Texts());
+}
+
+const std::wstring A511(511, L'a');
+const std::wstring A512(512, L'a');
+const std::wstring R1100(1100, L'r');
+
+INSTANTIATE_TEST_SUITE_P(
+    Rows, TranslateSubkeyTest,
+    ::testing::Values(
+        SubkeyRow{"control set 1", L"SYSTEM\\CurrentControlSet\\Services\\*", L"ControlSet001",
+                  L"SYSTEM\\ControlSet001\\Services\\*", true},
+        SubkeyRow{"control set 10 keeps the fixed zeros", L"SYSTEM\\CurrentControlSet\\Services",
+                  L"ControlSet0010", L"SYSTEM\\ControlSet0010\\Services", true},
+        SubkeyRow{"token in other case", L"system\\currentcontrolset\\services", L"ControlSet001",
+                  L"system\\ControlSet001\\services", true},
+        SubkeyRow{"token at the start has no prefix", L"CurrentControlSet\\Services", L"ControlSet001",
+                  L"\\ControlSet001\\Services", true},
+        SubkeyRow{"token at the end", L"SYSTEM\\CurrentControlSet", L"ControlSet001", L"SYSTEM\\ControlSet001",
+                  true},
+        SubkeyRow{"only the first token", L"A\\CurrentControlSet\\B\\CurrentControlSet", L"ControlSet001",
+                  L"A\\ControlSet001\\B\\CurrentControlSet", true},
+        SubkeyRow{"the character before the token is replaced by a backslash", L"SYSTEM/CurrentControlSetX",
+                  L"ControlSet001", L"SYSTEM\\ControlSet001X", true},
+        SubkeyRow{"empty control-set name leaves a double backslash", L"SYSTEM\\CurrentControlSet\\Services",
+                  L"", L"SYSTEM\\\\Services", true},
+        SubkeyRow{"no token leaves the sub-key", L"Software\\Microsoft\\Run", L"ControlSet001",
+                  L"Software\\Microsoft\\Run", false},
+        SubkeyRow{"empty sub-key", L"", L"ControlSet001", L"", false},
+        SubkeyRow{"prefix of 511 characters is kept", A511 + L"\\CurrentControlSet\\x", L"ControlSet001",
+                  A511 + L"\\ControlSet001\\x", true},
+        SubkeyRow{"prefix of 512 characters is cut to 511", A512 + L"\\CurrentControlSet\\x", L"ControlSet001",
+                  A511 + L"\\ControlSet001\\x", true},
+        SubkeyRow{"token ending at character 1023 is found",
+                  std::wstring(1005, L'a') + L"\\CurrentControlSet", L"ControlSet001",
+                  A511 + L"\\ControlSet001", true},
+        SubkeyRow{"token beyond character 1023 is not seen",
+                  std::wstring(1006, L'a') + L"\\CurrentControlSet", L"ControlSet001",
+                  std::wstring(1006, L'a') + L"\\CurrentControlSet", false},
+        SubkeyRow{"result is cut to 1023 characters", L"S\\CurrentControlSet\\" + R1100,
+                  L"ControlSetWithAVeryLongNameOfFortyChars!",
+                  (L"S\\ControlSetWithAVeryLongNameOfFortyChars!\\" + R1100).substr(0, 1023), true}),
+    [](const ::testing::TestParamInfo<SubkeyRow>& info) { return ParamName(info.param.name); });
+
+TEST(TranslateSubkey, NullNameCountsAsEmpty) {
+    RegRule rule = Rule(1, 1, 0, 0, HKLM, L"SYSTEM\\CurrentControlSet\\Services");
+    EXPECT_TRUE(ConfigRuleParse().TranslateSubkey(rule, nullptr));
+    EXPECT_EQ(L"SYSTEM\\\\Services", rule.RegSubkey);
+}
+
+// The name of this machine's current control set, read from the prefix's registry.
+TEST(TranslateSubkey, UsesTheCurrentControlSetOfTheRegistry) {
+    const std::wstring name = kwtest::ControlSetNameFromRegistry();
+    ASSERT_FALSE(name.empty()) << "the prefix has no System\\Select Current";
+    ScopedSink cap;
+    RuleTable table;
+    EXPECT_TRUE(ConfigRuleParse().Json2RuleArry(
+        R"({"RegParseConfig":[{"ParseID":2,"FunctionID":9,"CheckID":2,"RegRootkey":2147483650,"RegSubkey":"SYSTEM\\CurrentControlSet\\Services\\*"}]})",
+        table));
+    const std::wstring expected = L"SYSTEM\\" + name + L"\\Services\\*";
+    ExpectTable({Rule(2, 9, 2, 0, HKLM, expected.c_str())}, table);
+    EXPECT_EQ((std::vector<std::wstring>{
+                  LINE_SUBKEY L"TranslateSubkey old=SYSTEM\\CurrentControlSet\\Services\\* New= " + expected,
+                  LINE_EX L"[0]parseID:2 FunctionID:9 CheckID:2 HKEY:HKEY_LOCAL_MACHINE SubKey:" + expected}),
+              cap.Texts());
+}
+
+const char kControlSetRule[] =
+    R"({"RegParseConfig":[{"ParseID":2,"FunctionID":9,"RegRootkey":2147483650,"RegSubkey":"SYSTEM\\CurrentControlSet\\Services"}]})";
+
+// Current set 10: the cached name is "ControlSet0010".
+KW_CHILD_TEST(TranslateSubkeyProcess, ControlSetTen) {
+    {
+        kwtest::SelectRestorer select;
+        ASSERT_TRUE(select.Set(10));
+        ASSERT_STREQ(L"ControlSet0010", GetCurrentControlSetName());
+    }
+    RuleTable table;
+    EXPECT_TRUE(ConfigRuleParse().Json2RuleArry(kControlSetRule, table));
+    ExpectTable({Rule(2, 9, 0, 0, HKLM, L"SYSTEM\\ControlSet0010\\Services")}, table);
+}
+
+// No "Current" value: the name is empty, and the sub-key keeps a double backslash.
+KW_CHILD_TEST(TranslateSubkeyProcess, NoCurrentValue) {
+    ScopedSink cap;
+    RuleTable table;
+    {
+        kwtest::SelectRestorer select;
+        ASSERT_TRUE(select.DeleteCurrent());
+        EXPECT_TRUE(ConfigRuleParse().Json2RuleArry(kControlSetRule, table));
+    }
+    ExpectTable({Rule(2, 9, 0, 0, HKLM, L"SYSTEM\\\\Services")}, table);
+    EXPECT_EQ(LINE_SUBKEY L"TranslateSubkey old=SYSTEM\\CurrentControlSet\\Services New= SYSTEM\\\\Services",
+              cap.Texts().at(0));
+}
+
+// ---------------------------------------------------------------------------
+// The two rule trace operations, every case of their formats.
+
+struct PrintRow {
+    const char* name;
+    RegRule rule;
+    std::wstring plain;     // PRINTF_REGRULE
+    std::wstring indexed;   // PRINTF_REGRULE_EX with index 3
+};
+
+std::ostream& operator<<(std::ostream& os, const PrintRow& r) { return os << r.name; }
+
+class PrintRuleTest : public ::testing::TestWithParam<PrintRow> {};
+
+TEST_P(PrintRuleTest, Lines) {
+    const PrintRow& row = GetParam();
+    ScopedSink cap;
+    ConfigRuleParse().PRINTF_REGRULE(row.rule);
+    ConfigRuleParse().PRINTF_REGRULE_EX(3, row.rule);
+    EXPECT_EQ((std::vector<std::wstring>{LINE_RULE + row.plain, LINE_EX + row.indexed}), cap.Texts());
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Rows, PrintRuleTest,
+    ::testing::Values(
+        PrintRow{"root and sub-key without value name", Rule(1, 2, 1, 0, HKLM, L"S\\k", L"", L"p"),
+                 L"parseID:1 FunctionID:2 CheckID:1 HKEY:HKEY_LOCAL_MACHINE SubKey:S\\k",
+                 L"[3]parseID:1 FunctionID:2 CheckID:1 HKEY:HKEY_LOCAL_MACHINE SubKey:S\\k"},
+        PrintRow{"root and value name without sub-key", Rule(1, 2, 1, 1, HKU, L"", L"v", L"p"),
+                 L"parseID:1 FunctionID:2 CheckID:1 HKEY:HKEY_USERS SubKey:",
+                 L"[3]parseID:1 FunctionID:2 CheckID:1 HKEY:HKEY_USERS SubKey:"},
+        PrintRow{"sub-key and value name without parameter", Rule(1, 2, 1, 1, HKU, L"S", L"v"),
+                 L"parseID:1 FunctionID:2 CheckID:1 HKEY:HKEY_USERS SubKey:S value:v",
+                 L"[3]parseID:1 FunctionID:2 CheckID:1 HKEY:HKEY_USERS SubKey:S value:v"},
+        PrintRow{"every field", Rule(1, 2, 1, 1, HKLM, L"S", L"v", L"p1"),
+                 L"parseID:1 FunctionID:2 CheckID:1 HKEY:HKEY_LOCAL_MACHINE SubKey:S value:v Parameter1:p1",
+                 L"[3]parseID:1 FunctionID:2 CheckID:1 HKEY:HKEY_LOCAL_MACHINE SubKey:S value:v Parameter1:p1(2)"},
+        PrintRow{"other root key reads NULL", Rule(1, 2, 0, 0, 0x80000001, L"S"),
+                 L"parseID:1 FunctionID:2 CheckID:0 HKEY:NULL SubKey:S",
+                 L"[3]parseID:1 FunctionID:2 CheckID:0 HKEY:NULL SubKey:S"},
+        PrintRow{"no root key with parameter", Rule(-4, 0, 7, 1, 0, L"S", L"v", L"xyz"),
+                 L"parseID:-4 FunctionID:0 CheckID:7 ",
+                 L"[3]parseID:-4 FunctionID:0 CheckID:7 HKEY:0 Parameter1:xyz(3)"},
+        PrintRow{"no root key without parameter", Rule(1, 2, 0, 0, 0, L"S", L"v"),
+                 L"parseID:1 FunctionID:2 CheckID:0 ", L"[3]parseID:1 FunctionID:2 CheckID:0 HKEY:0"},
+        PrintRow{"percent signs in text are printed as they are", Rule(1, 2, 0, 1, HKLM, L"%s\\%d", L"%n", L"%%"),
+                 L"parseID:1 FunctionID:2 CheckID:0 HKEY:HKEY_LOCAL_MACHINE SubKey:%s\\%d value:%n Parameter1:%%",
+                 L"[3]parseID:1 FunctionID:2 CheckID:0 HKEY:HKEY_LOCAL_MACHINE SubKey:%s\\%d value:%n Parameter1:%%(2)"}),
+    [](const ::testing::TestParamInfo<PrintRow>& info) { return ParamName(info.param.name); });
+
+// ---------------------------------------------------------------------------
+// Conversion through the host's base library when it is loaded.
+
+using CounterFn = long(__stdcall*)();
+
+std::wstring HelperPath(const wchar_t* file) {
+    wchar_t self[MAX_PATH] = {0};
+    GetModuleFileNameW(nullptr, self, MAX_PATH);
+    std::wstring dir(self);
+    return dir.substr(0, dir.find_last_of(L'\\') + 1) + file;
+}
+
+TEST(RuleTextConversion, PlainPathWithoutBaseLibrary) {
+    ASSERT_EQ(nullptr, GetModuleHandleW(L"HolmBase.dll"));
+    EXPECT_FALSE(CRuleTextConverter().UsesBaseLibrary());
+    RuleTable table;
+    EXPECT_TRUE(ConfigRuleParse().Json2RuleArry(
+        "{\"RegParseConfig\":[{\"ParseID\":1,\"FunctionID\":1,\"RegValueName\":\"\xE5\x90\x8D\"}]}", table));
+    ExpectTable({Rule(1, 1, 0, 1, 0, L"", L"\u540d")}, table);
+}
+
+TEST(RuleTextConversion, BaseLibraryConvertsWhenLoaded) {
+    unique_module base(LoadLibraryW(HelperPath(L"HolmBase.dll").c_str()));
+    ASSERT_TRUE(base) << "stand-in HolmBase.dll not built beside the test";
+    auto calls = reinterpret_cast<CounterFn>(reinterpret_cast<void*>(GetProcAddress(base.get(), "HolmBaseConvertCalls")));
+    auto live = reinterpret_cast<CounterFn>(reinterpret_cast<void*>(GetProcAddress(base.get(), "HolmBaseLiveObjects")));
+    auto codePage = reinterpret_cast<CounterFn>(reinterpret_cast<void*>(GetProcAddress(base.get(), "HolmBaseLastCodePage")));
+    ASSERT_TRUE(calls && live && codePage);
+
+    const long before = calls();
+    RuleTable table;
+    EXPECT_TRUE(ConfigRuleParse().Json2RuleArry(
+        "{\"RegParseConfig\":[{\"ParseID\":1,\"FunctionID\":1,\"RegRootkey\":2147483651,\"RegSubkey\":\"S\\\\k\","
+        "\"RegValueName\":\"\xE5\x90\x8D\",\"Parameter1\":\"p\"},{\"ParseID\":2,\"FunctionID\":1,\"Parameter1\":\"\"}]}",
+        table));
+    ExpectTable({Rule(1, 1, 0, 1, HKU, L"S\\k", L"\u540d", L"p"), Rule(2, 1, 0, 0, 0)}, table);
+    // Three non-empty strings, each a size query and a conversion; the empty one needs none.
+    EXPECT_EQ(6, calls() - before);
+    EXPECT_EQ(65001, codePage());
+    EXPECT_EQ(0, live()) << "every converter object is released";
+
+    {
+        CRuleTextConverter conv;
+        EXPECT_TRUE(conv.UsesBaseLibrary());
+        EXPECT_EQ(1, live()) << "one object serves the whole converter";
+        EXPECT_EQ(L"a\u540d", conv.ToWide("a\xE5\x90\x8D", 4));
+        EXPECT_EQ(L"", conv.ToWide("", 0));
+    }
+    EXPECT_EQ(0, live());
+}
+}  // namespace

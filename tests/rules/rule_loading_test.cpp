@@ -1,0 +1,227 @@
+// How the host's rule text reaches the rule table: LoadParseRules and its
+// result lines, the engine's once-per-process loading (each case that needs
+// another rule text runs in a process of its own), and the plug-in's Init.
+#include "analyze/analizy_operate.h"
+#include "plugin/kw_autorun_impl.h"
+#include "plugin/plug_deep_scan.h"
+
+#include "support/child.h"
+#include "support/trace_capture.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <thread>
+#include <vector>
+
+using namespace kw;
+using kwtest::LineMatches;
+using kwtest::ScopedSink;
+
+namespace {
+
+#define LINE_SUCCESS L"[kwRegAnalyze][INFO ][CAnalizyOperate::LoadParseRules] [regscan] LoadParseRules Success"
+#define LINE_FAIL L"[kwRegAnalyze][ERROR][CAnalizyOperate::LoadParseRules] [regscan] LoadParseRules Fail,{n}"
+#define LINE_EMPTY \
+    L"[kwRegAnalyze][ERROR][ConfigRuleParse::ConfigFileToRegditRule] ConfigFileToRegditRule ConfigContent.length = 0  Fail:{n}"
+#define LINE_EX L"[kwRegAnalyze][INFO ][ConfigRuleParse::PRINTF_REGRULE_EX] "
+
+const std::string kOneRule =
+    R"({"RegParseConfig":[{"ParseID":5,"FunctionID":5,"CheckID":1,"RegRootkey":2147483650,"RegSubkey":"Software\\x","RegValueName":"v"}]})";
+const std::wstring kOneRuleLine =
+    LINE_EX L"[0]parseID:5 FunctionID:5 CheckID:1 HKEY:HKEY_LOCAL_MACHINE SubKey:Software\\x value:v";
+const std::string kHalfValid =
+    R"({"RegParseConfig":[{"ParseID":1,"FunctionID":0},{"ParseID":2,"FunctionID":3,"Parameter1":"p"}]})";
+const std::string kOtherRule = R"({"RegParseConfig":[{"ParseID":9,"FunctionID":9}]})";
+
+// Every recorded line against its pattern ("{n}" for an unknown number).
+void ExpectLines(const std::vector<std::wstring>& patterns, const std::vector<std::wstring>& lines) {
+    ASSERT_EQ(patterns.size(), lines.size());
+    for (size_t i = 0; i < lines.size(); ++i)
+        EXPECT_TRUE(LineMatches(lines[i], patterns[i])) << "line " << i << ":\n  " << testing::PrintToString(lines[i])
+                                                        << "\npattern\n  " << testing::PrintToString(patterns[i]);
+}
+
+// ---------------------------------------------------------------------------
+// LoadParseRules: always true, with its success or failure line.
+
+struct LoadRow {
+    const char* name;
+    std::string text;
+    std::vector<int32_t> ids;
+    std::vector<std::wstring> lines;
+};
+
+TEST(LoadParseRules, ResultLinesForEachKindOfText) {
+    const LoadRow rows[] = {
+        {"valid text", kOneRule, {5}, {kOneRuleLine, LINE_SUCCESS}},
+        {"one invalid and one valid rule", kHalfValid, {2},
+         {L"[kwRegAnalyze][ERROR][ConfigRuleParse::Json2RuleArry] Rule[0] ParseID:1 Not meet the requirement",
+          L"[kwRegAnalyze][INFO ][ConfigRuleParse::PRINTF_REGRULE] parseID:1 FunctionID:0 CheckID:0 ",
+          LINE_EX L"[1]parseID:2 FunctionID:3 CheckID:0 HKEY:0 Parameter1:p(1)", LINE_FAIL}},
+        {"empty text", "", {}, {LINE_EMPTY, LINE_FAIL}},
+        {"unparsable text", "{\"RegParseConfig\":[", {},
+         {L"[kwRegAnalyze][ERROR][ConfigRuleParse::Json2RuleArry] ConfigRuleParse::Json2RuleArry parse json error=3, offset=19",
+          LINE_FAIL}},
+        {"no rule array", "{}", {}, {LINE_SUCCESS}},
+    };
+    for (const LoadRow& row : rows) {
+        SCOPED_TRACE(row.name);
+        ScopedSink cap;
+        RuleTable table;
+        EXPECT_TRUE(CAnalizyOperate::LoadParseRules(table, row.text));
+        std::vector<int32_t> ids;
+        for (const auto& kv : table) ids.push_back(kv.first);
+        EXPECT_EQ(row.ids, ids);
+        ExpectLines(row.lines, cap.Texts());
+    }
+}
+
+TEST(CAnalizyOperateInit, SucceedsAndStaysInitialised) {
+    CAnalizyOperate op;
+    EXPECT_TRUE(op.Init());
+    EXPECT_TRUE(op.Init());
+    CAnalizyOperate second;
+    EXPECT_TRUE(second.Init());
+}
+
+// ---------------------------------------------------------------------------
+// The engine loads the rules once per process.
+
+bool InitWith(CKwAutoRunImpl& engine, IHostRuleEngine* host, const std::string& text) {
+    return engine.Init(host, text.data(), static_cast<unsigned long>(text.size()));
+}
+
+std::vector<int32_t> Ids(CKwAutoRunImpl& engine) {
+    std::vector<int32_t> ids;
+    for (const auto& kv : engine.GetRules()) ids.push_back(kv.first);
+    return ids;
+}
+
+KW_CHILD_TEST(RuleLoadingProcess, LoadsOncePerProcess) {
+    ScopedSink cap;
+    ASSERT_FALSE(AreRulesLoaded());
+    CKwAutoRunImpl engine;
+    EXPECT_TRUE(InitWith(engine, &cap.sink, kOneRule));
+    EXPECT_TRUE(AreRulesLoaded());
+    EXPECT_EQ(std::vector<int32_t>{5}, Ids(engine));
+    RegRule rule;
+    ASSERT_TRUE(engine.GetParseRule(5, &rule));
+    EXPECT_EQ(L"Software\\x", rule.RegSubkey);
+    ExpectLines({kOneRuleLine, LINE_SUCCESS}, cap.Texts());
+
+    cap.sink.Clear();
+    EXPECT_TRUE(InitWith(engine, &cap.sink, kOtherRule));
+    EXPECT_EQ(std::vector<int32_t>{5}, Ids(engine)) << "a second text is not loaded";
+
+    // A second engine of the same process finds the rules loaded: it stays empty.
+    CKwAutoRunImpl second;
+    EXPECT_TRUE(InitWith(second, &cap.sink, kOtherRule));
+    EXPECT_TRUE(second.GetRules().empty());
+    EXPECT_TRUE(cap.Texts().empty());
+}
+
+KW_CHILD_TEST(RuleLoadingProcess, NoTextStillCountsAsLoaded) {
+    ScopedSink cap;
+    CKwAutoRunImpl engine;
+    EXPECT_TRUE(engine.Init(&cap.sink, nullptr, 100));
+    EXPECT_TRUE(AreRulesLoaded());
+    EXPECT_TRUE(engine.GetRules().empty());
+    EXPECT_FALSE(engine.GetParseRule(5, nullptr));
+    ExpectLines({LINE_EMPTY, LINE_FAIL}, cap.Texts());
+    cap.sink.Clear();
+    EXPECT_TRUE(InitWith(engine, &cap.sink, kOneRule));
+    EXPECT_TRUE(engine.GetRules().empty()) << "loading is not retried";
+    EXPECT_TRUE(cap.Texts().empty());
+}
+
+KW_CHILD_TEST(RuleLoadingProcess, PartlyValidTextKeepsTheValidRules) {
+    ScopedSink cap;
+    CKwAutoRunImpl engine;
+    EXPECT_TRUE(InitWith(engine, &cap.sink, kHalfValid));
+    EXPECT_TRUE(AreRulesLoaded());
+    RegRule rule;
+    ASSERT_TRUE(engine.GetParseRule(2, &rule));
+    EXPECT_EQ(3, rule.FunctionID);
+    EXPECT_EQ(L"p", rule.Parameter1);
+    EXPECT_FALSE(engine.GetParseRule(1, nullptr));
+    EXPECT_TRUE(LineMatches(cap.Texts().back(), LINE_FAIL));
+}
+
+KW_CHILD_TEST(RuleLoadingProcess, UnparsableTextCountsAsLoaded) {
+    ScopedSink cap;
+    CKwAutoRunImpl engine;
+    EXPECT_TRUE(InitWith(engine, &cap.sink, "not json"));  // 'n' starts null
+    EXPECT_TRUE(AreRulesLoaded());
+    EXPECT_TRUE(engine.GetRules().empty());
+    ExpectLines({L"[kwRegAnalyze][ERROR][ConfigRuleParse::Json2RuleArry] ConfigRuleParse::Json2RuleArry parse json error=3, offset=1",
+                 LINE_FAIL},
+                cap.Texts());
+}
+
+// The length the host gives is copied whole; the parser stops at the first NUL.
+KW_CHILD_TEST(RuleLoadingProcess, EmbeddedNulAfterTheDocument) {
+    ScopedSink cap;
+    CKwAutoRunImpl engine;
+    std::string text = kOneRule + std::string("\0{\"garbage\"", 11);
+    EXPECT_TRUE(InitWith(engine, &cap.sink, text));
+    EXPECT_EQ(std::vector<int32_t>{5}, Ids(engine));
+    ExpectLines({kOneRuleLine, LINE_SUCCESS}, cap.Texts());
+}
+
+KW_CHILD_TEST(RuleLoadingProcess, LeadingNulIsNotAnEmptyText) {
+    ScopedSink cap;
+    CKwAutoRunImpl engine;
+    EXPECT_TRUE(InitWith(engine, &cap.sink, std::string("\0", 1) + kOneRule));
+    EXPECT_TRUE(engine.GetRules().empty());
+    ExpectLines({L"[kwRegAnalyze][ERROR][ConfigRuleParse::Json2RuleArry] ConfigRuleParse::Json2RuleArry parse json error=1, offset=0",
+                 LINE_FAIL},
+                cap.Texts());
+}
+
+KW_CHILD_TEST(RuleLoadingProcess, LengthBoundsTheText) {
+    ScopedSink cap;
+    CKwAutoRunImpl engine;
+    EXPECT_TRUE(engine.Init(&cap.sink, kOneRule.c_str(), 10));  // {"RegParse
+    EXPECT_TRUE(engine.GetRules().empty());
+    ExpectLines({L"[kwRegAnalyze][ERROR][ConfigRuleParse::Json2RuleArry] ConfigRuleParse::Json2RuleArry parse json error=11, offset=10",
+                 LINE_FAIL},
+                cap.Texts());
+}
+
+KW_CHILD_TEST(RuleLoadingProcess, ConcurrentInitLoadsOnce) {
+    ScopedSink cap;
+    CKwAutoRunImpl engine;
+    const int threads = 8;
+    std::vector<int> results(threads, -1);
+    std::vector<std::thread> pool;
+    volatile LONG go = 0;
+    for (int i = 0; i < threads; ++i)
+        pool.emplace_back([&, i] {
+            while (!go) SwitchToThread();
+            results[i] = InitWith(engine, &cap.sink, kOneRule) ? 1 : 0;
+        });
+    InterlockedExchange(&go, 1);
+    for (auto& t : pool) t.join();
+    for (int r : results) EXPECT_EQ(1, r);
+    EXPECT_EQ(std::vector<int32_t>{5}, Ids(engine));
+    ExpectLines({kOneRuleLine, LINE_SUCCESS}, cap.Texts());
+}
+
+KW_CHILD_TEST(RuleLoadingProcess, PlugInInitLoadsTheHostRules) {
+    ScopedSink cap;
+    CPlugDeepScan plug;
+    EXPECT_TRUE(plug.Init(&cap.sink, kOneRule.data(), static_cast<unsigned long>(kOneRule.size())));
+    ASSERT_NE(nullptr, plug.autoRunImpl);
+    EXPECT_EQ(std::vector<int32_t>{5}, Ids(*plug.autoRunImpl));
+    std::vector<std::wstring> lines = cap.Texts();
+    EXPECT_EQ((std::vector<std::wstring>{L"[kwRegAnalyze][INFO ][CPlugDeepScan::Init] CPlugDeepScan::Init enter",
+                                         kOneRuleLine, LINE_SUCCESS,
+                                         L"[kwRegAnalyze][INFO ][CPlugDeepScan::Init] CPlugDeepScan::Init ok"}),
+              lines);
+    // The engine and translator live until the module unloads; this test owns them.
+    delete plug.autoRunImpl;
+    delete plug.regKeyTranslate;
+}
+
+}  // namespace
