@@ -1,0 +1,752 @@
+// Command lines as autorun data holds them, resolved against files, classes,
+// CLSIDs and application paths that the tests create themselves (and remove).
+// Expected lists are whole and ordered; the system decides the case of what it
+// inserts (expanded folders), so paths are compared without regard to case.
+#include "resolve/parse_command_line.h"
+#include "resolve/parse_text.h"
+
+#include "common/strutil.h"
+#include "diag/host_network_info.h"
+#include "support/fixtures.h"
+#include "support/trace_capture.h"
+
+#include <gtest/gtest.h>
+#include <lm.h>
+#include <objbase.h>
+
+#include <cctype>
+#include <memory>
+#include <list>
+#include <ostream>
+#include <string>
+#include <vector>
+
+using kw::CParseComandLine;
+
+namespace {
+
+bool SameList(const std::list<std::wstring>& a, const std::vector<std::wstring>& b) {
+    if (a.size() != b.size()) return false;
+    size_t i = 0;
+    for (const auto& x : a)
+        if (!kw::EqualsNoCase(x, b[i++])) return false;
+    return true;
+}
+
+std::string Show(const std::list<std::wstring>& l) {
+    std::string out;
+    for (const auto& s : l) out += "\n  [" + kw::WideToUtf8(s) + "]";
+    return out.empty() ? "\n  (none)" : out;
+}
+std::string Show(const std::vector<std::wstring>& v) {
+    return Show(std::list<std::wstring>(v.begin(), v.end()));
+}
+
+bool IsWow64Process32() {
+    BOOL wow = FALSE;
+    return IsWow64Process(GetCurrentProcess(), &wow) && wow;
+}
+
+// File operations in the 64-bit view (redirection paused for the call).
+class NativeView {
+public:
+    NativeView() { m_ok = Wow64DisableWow64FsRedirection(&m_old) != FALSE; }
+    ~NativeView() {
+        if (m_ok) Wow64RevertWow64FsRedirection(m_old);
+    }
+
+private:
+    PVOID m_old = nullptr;
+    bool m_ok = false;
+};
+
+bool ExistsNative(const std::wstring& path) {
+    NativeView v;
+    DWORD a = GetFileAttributesW(path.c_str());
+    return a != INVALID_FILE_ATTRIBUTES && !(a & FILE_ATTRIBUTE_DIRECTORY);
+}
+
+std::wstring EnvVar(const wchar_t* name) {
+    wchar_t buf[MAX_PATH] = {0};
+    DWORD n = GetEnvironmentVariableW(name, buf, MAX_PATH);
+    return n > 0 && n < MAX_PATH ? std::wstring(buf, n) : std::wstring();
+}
+
+std::wstring NewClsid() {
+    GUID g{};
+    CoCreateGuid(&g);
+    wchar_t buf[64] = {0};
+    StringFromGUID2(g, buf, 64);
+    return buf;
+}
+
+class ScopedEnv {
+public:
+    ScopedEnv(const wchar_t* name, const std::wstring& value) : m_name(name) {
+        DWORD n = GetEnvironmentVariableW(name, nullptr, 0);
+        if (n > 0) {
+            std::wstring old(n, L'\0');
+            old.resize(GetEnvironmentVariableW(name, &old[0], n));
+            m_old = old;
+            m_had = true;
+        }
+        SetEnvironmentVariableW(name, value.c_str());
+    }
+    ~ScopedEnv() { SetEnvironmentVariableW(m_name.c_str(), m_had ? m_old.c_str() : nullptr); }
+
+private:
+    std::wstring m_name, m_old;
+    bool m_had = false;
+};
+
+// Everything the cases resolve against, made once per test program run and
+// removed at its end.
+struct World {
+    std::wstring u;  // unique part of every name
+    std::unique_ptr<kwtest::TempDir> temp;
+    std::wstring T, PF, PF86, SYS, WOW, WIN, EXT, PROGID, CLSID, CLSID2, CLSID32;
+    std::vector<std::wstring> nativeFiles;  // created in the 64-bit System32
+    std::vector<std::wstring> trees;        // folders outside the temp folder
+    std::vector<std::pair<HKEY, std::wstring>> keys;
+    HANDLE token = nullptr;
+    std::wstring sid;
+    bool wow64 = false;
+
+    void Build() {
+        u = std::to_wstring(GetCurrentProcessId()) + L"-" + std::to_wstring(GetTickCount());
+        temp.reset(new kwtest::TempDir(L"kwparse"));
+        T = temp->Path();
+        WIN = kwtest::WindowsDir();
+        wchar_t buf[MAX_PATH] = {0};
+        GetSystemDirectoryW(buf, MAX_PATH);
+        SYS = buf;
+        wow64 = IsWow64Process32();
+        if (wow64 && GetSystemWow64DirectoryW(buf, MAX_PATH)) WOW = buf;
+        const std::wstring pf64 = EnvVar(L"ProgramW6432");
+        const std::wstring pf86 = EnvVar(L"ProgramFiles(x86)");
+        PF = (pf64.empty() ? EnvVar(L"ProgramFiles") : pf64) + L"\\kwtest-" + u;
+        PF86 = (pf86.empty() ? EnvVar(L"ProgramFiles") : pf86) + L"\\kwtest-" + u;
+        trees = {PF, PF86};
+
+        for (const wchar_t* f : {L"tools\\cfg.exe", L"tools\\run.exe", L"x.cpl", L"a.dll", L"b.dll",
+                                 L"srv.dll", L"srv32.dll", L"apppath\\kwapp.exe",
+                                 L"Some Dir\\prog.exe", L"Long File Name Test.exe", L"semi;colon.exe",
+                                 L"order\\pick.bat", L"order\\pick.exe"})
+            temp->File(f);
+        temp->File(L"kwbare" + u + L".dll");
+        kwtest::MakeFile(PF + L"\\Some App\\app.exe");
+        kwtest::MakeFile(PF + L"\\Some App\\data\\in.dll");
+        kwtest::MakeFile(PF86 + L"\\Some App\\app.exe");
+
+        if (wow64) {
+            const std::wstring only64 = WIN + L"\\System32\\kwt64-" + u + L".dll";
+            {
+                NativeView v;
+                kwtest::MakeFile(only64);
+            }
+            nativeFiles.push_back(only64);
+            kwtest::MakeFile(WOW + L"\\kwt32-" + u + L".dll");
+            trees.push_back(WOW + L"\\kwt32-" + u + L".dll");
+        }
+
+        // A script class of our own.
+        EXT = L".kwps" + std::to_wstring(GetCurrentProcessId());
+        PROGID = L"kwtest.parse." + u;
+        temp->File(L"script" + EXT);
+        keys.emplace_back(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Classes\\" + EXT);
+        keys.emplace_back(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Classes\\" + PROGID);
+        kwtest::RegSetSz(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Classes\\" + EXT, L"", PROGID);
+        kwtest::RegSetSz(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Classes\\" + PROGID + L"\\shell\\open\\command",
+                         L"", L"wscript.exe \"%1\"");
+
+        // CLSIDs: an in-process server, a local server given as a command line,
+        // and a 32-bit registration.
+        CLSID = NewClsid();
+        CLSID2 = NewClsid();
+        CLSID32 = NewClsid();
+        const std::wstring c1 = L"SOFTWARE\\Classes\\CLSID\\" + CLSID;
+        const std::wstring c2 = L"SOFTWARE\\Classes\\CLSID\\" + CLSID2;
+        const std::wstring c3 = L"SOFTWARE\\Classes\\Wow6432Node\\CLSID\\" + CLSID32;
+        keys.emplace_back(HKEY_LOCAL_MACHINE, c1);
+        keys.emplace_back(HKEY_LOCAL_MACHINE, c2);
+        keys.emplace_back(HKEY_LOCAL_MACHINE, c3);
+        kwtest::RegSetSz(HKEY_LOCAL_MACHINE, c1 + L"\\InprocServer32", L"", T + L"\\srv.dll");
+        kwtest::RegSetSz(HKEY_LOCAL_MACHINE, c2 + L"\\LocalServer32", L"",
+                         L"\"" + T + L"\\tools\\run.exe\" /automation");
+        kwtest::RegSetSz(HKEY_LOCAL_MACHINE, c3 + L"\\InprocServer32", L"", T + L"\\srv32.dll");
+
+        // Application paths: a plain one, one padded beyond the buffer, one too long.
+        const std::wstring ap = L"SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\App Paths\\";
+        for (const wchar_t* n : {L"kwapp", L"kwpad", L"kwlong", L"kwquoted"})
+            keys.emplace_back(HKEY_LOCAL_MACHINE, ap + n + u + L".exe");
+        kwtest::RegSetSz(HKEY_LOCAL_MACHINE, ap + L"kwapp" + u + L".exe", L"", T + L"\\apppath\\kwapp.exe");
+        kwtest::RegSetSz(HKEY_LOCAL_MACHINE, ap + L"kwpad" + u + L".exe", L"",
+                         T + L"\\apppath\\kwapp.exe" + std::wstring(300, L' '));
+        kwtest::RegSetSz(HKEY_LOCAL_MACHINE, ap + L"kwlong" + u + L".exe", L"",
+                         T + L"\\" + std::wstring(300, L'x') + L".exe");
+        kwtest::RegSetSz(HKEY_LOCAL_MACHINE, ap + L"kwquoted" + u + L".exe", L"",
+                         L"\"" + T + L"\\apppath\\kwapp.exe\"");
+
+        OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY | TOKEN_IMPERSONATE | TOKEN_DUPLICATE,
+                         &token);
+        sid = kwtest::CurrentUserSid();
+    }
+
+    void Destroy() {
+        for (auto it = keys.rbegin(); it != keys.rend(); ++it)
+            kwtest::RegDeleteTreeView(it->first, it->second, KEY_WOW64_64KEY);
+        for (const auto& f : nativeFiles) {
+            NativeView v;
+            DeleteFileW(f.c_str());
+        }
+        for (const auto& t : trees) kwtest::RemoveTree(t);
+        temp.reset();
+        if (token) CloseHandle(token);
+        token = nullptr;
+    }
+
+    std::wstring Subst(std::wstring s) const {
+        std::wstring turl = T;
+        for (auto& c : turl)
+            if (c == L'\\') c = L'/';
+        std::wstring shortClsid = CLSID.substr(0, CLSID.size() - 2) + L"}";
+        const std::pair<const wchar_t*, std::wstring> map[] = {
+            {L"{TURL}", turl},        {L"{T}", T},       {L"{PF86}", PF86},   {L"{PF}", PF},
+            {L"{SYS}", SYS},          {L"{WOW}", WOW},   {L"{WIN}", WIN},     {L"{U}", u},
+            {L"{EXT}", EXT},          {L"{CLSID2}", CLSID2}, {L"{CLSID32}", CLSID32},
+            {L"{CLSIDSHORT}", shortClsid}, {L"{CLSID}", CLSID},
+        };
+        for (const auto& m : map) kw::ReplaceAll(s, m.first, m.second);
+        return s;
+    }
+
+    std::list<std::wstring> Parse(const std::wstring& line, BOOL view32, BOOL expand32,
+                                  const std::wstring& overridePath = L"", int* ret = nullptr) {
+        CParseComandLine p;
+        p.SetWow64Parse(view32);
+        if (!overridePath.empty()) p.SetOverridePath(overridePath);
+        std::list<std::wstring> files;
+        int r = p.Parse(line, token, sid.c_str(), expand32, files);
+        if (ret) *ret = r;
+        return files;
+    }
+};
+
+World* g_world = nullptr;
+
+struct Row {
+    const char* name;
+    const wchar_t* line;
+    int view;  // 0 native, 1 the 32-bit view (bWow64Parse and bWow64Expand alike)
+    const wchar_t* overridePath;
+    std::vector<const wchar_t*> expected;
+    std::vector<const wchar_t*> needs;  // system files the row relies on (else skipped)
+    bool wow64Only;
+};
+
+// Test listings show the row's title, not its bytes.
+void PrintTo(const Row& r, std::ostream* os) { *os << r.name; }
+
+class ParseCases : public ::testing::TestWithParam<Row> {
+public:
+    static void SetUpTestSuite() {
+        g_world = new World;
+        g_world->Build();
+    }
+    static void TearDownTestSuite() {
+        g_world->Destroy();
+        delete g_world;
+        g_world = nullptr;
+    }
+};
+
+// The search order under test: the caller's folder, the system directory of
+// the view, the Windows directory's System folder, the Windows directory,
+// PATH, the browser's folder, the registered application paths.
+const Row kResolution[] = {
+    {"unquoted path with spaces", L"{PF}\\Some App\\app.exe", 0, L"", {L"{PF}\\Some App\\app.exe"}, {}, false},
+    {"unquoted path with spaces and options", L"{PF}\\Some App\\app.exe -silent /minimized", 0, L"",
+     {L"{PF}\\Some App\\app.exe"}, {}, false},
+    {"unquoted path with spaces and a path argument", L"{PF}\\Some App\\app.exe /config {T}\\tools\\cfg.exe",
+     0, L"", {L"{PF}\\Some App\\app.exe", L"{T}\\tools\\cfg.exe"}, {}, false},
+    {"quoted path with path arguments",
+     L"\"{PF}\\Some App\\app.exe\" \"{PF}\\Some App\\data\\in.dll\" {T}\\tools\\cfg.exe", 0, L"",
+     {L"{PF}\\Some App\\app.exe", L"{PF}\\Some App\\data\\in.dll", L"{T}\\tools\\cfg.exe"}, {}, false},
+    {"whole value in parentheses", L"({PF}\\Some App\\app.exe)", 0, L"", {L"{PF}\\Some App\\app.exe"}, {}, false},
+    {"value in double parentheses", L"(({T}\\a.dll))", 0, L"", {L"{T}\\a.dll"}, {}, false},
+    {"two groups side by side", L"({T}\\a.dll);({T}\\b.dll)", 0, L"", {L"{T}\\a.dll", L"{T}\\b.dll"}, {}, false},
+    {"doubly quoted command", L"\"\"{PF}\\Some App\\app.exe\" -x\"", 0, L"", {L"{PF}\\Some App\\app.exe"}, {}, false},
+    {"unquoted path under Program Files x86", L"{PF86}\\Some App\\app.exe -x", 0, L"",
+     {L"{PF86}\\Some App\\app.exe"}, {}, false},
+    {"rundll32 control panel item", L"rundll32.exe shell32.dll,Control_RunDLL x.cpl", 0, L"{T}",
+     {L"{SYS}\\rundll32.exe", L"{SYS}\\shell32.dll", L"{T}\\x.cpl"},
+     {L"{SYS}\\rundll32.exe", L"{SYS}\\shell32.dll"}, false},
+    {"rundll32 with a library path", L"rundll32.exe {T}\\a.dll,Start", 0, L"",
+     {L"{SYS}\\rundll32.exe", L"{T}\\a.dll"}, {L"{SYS}\\rundll32.exe"}, false},
+    {"service host with its group", L"%SystemRoot%\\system32\\svchost.exe -k netsvcs", 0, L"",
+     {L"{WIN}\\system32\\svchost.exe"}, {L"{SYS}\\svchost.exe"}, false},
+    {"service host with its group, 32-bit view", L"%SystemRoot%\\system32\\svchost.exe -k netsvcs", 1, L"",
+     {L"{WOW}\\svchost.exe"}, {L"{WOW}\\svchost.exe"}, true},
+    {"bare program name", L"explorer.exe", 0, L"", {L"{SYS}\\explorer.exe"}, {L"{SYS}\\explorer.exe"}, false},
+    {"bare program name, 32-bit view", L"explorer.exe", 1, L"", {L"{WOW}\\explorer.exe"},
+     {L"{WOW}\\explorer.exe"}, true},
+    {"bare library name without extension", L"msv1_0", 0, L"", {L"{SYS}\\msv1_0.dll"},
+     {L"{SYS}\\msv1_0.dll"}, false},
+    {"bare library name in the caller's folder", L"kwbare{U}", 0, L"{T}", {L"{T}\\kwbare{U}.dll"}, {}, false},
+    {"script replaced by its class command", L"{T}\\script{EXT}", 0, L"",
+     {L"{SYS}\\wscript.exe", L"{T}\\script{EXT}"}, {L"{SYS}\\wscript.exe"}, false},
+    {"script with arguments", L"\"{T}\\script{EXT}\" /b", 0, L"",
+     {L"{SYS}\\wscript.exe", L"{T}\\script{EXT}"}, {L"{SYS}\\wscript.exe"}, false},
+    {"group of two libraries", L"({T}\\a.dll;{T}\\b.dll)", 0, L"", {L"{T}\\a.dll", L"{T}\\b.dll"}, {}, false},
+    {"group of two bare libraries", L"(a.dll;b.dll)", 0, L"{T}", {L"{T}\\a.dll", L"{T}\\b.dll"}, {}, false},
+    {"group inside a command", L"rundll32.exe ({T}\\a.dll, {T}\\b.dll)", 0, L"",
+     {L"{SYS}\\rundll32.exe", L"{T}\\a.dll", L"{T}\\b.dll"}, {L"{SYS}\\rundll32.exe"}, false},
+    {"several paths in one value", L"{T}\\a.dll;{T}\\b.dll", 0, L"", {L"{T}\\a.dll", L"{T}\\b.dll"}, {}, false},
+    {"several paths with commas and blanks", L"{T}\\a.dll, {T}\\b.dll", 0, L"",
+     {L"{T}\\a.dll", L"{T}\\b.dll"}, {}, false},
+    {"the same path twice", L"{T}\\a.dll {T}\\A.DLL", 0, L"", {L"{T}\\a.dll"}, {}, false},
+    {"file name holding a semicolon", L"{T}\\semi;colon.exe", 0, L"", {L"{T}\\semi;colon.exe"}, {}, false},
+    {"shell name of a CLSID", L"::{CLSID}", 0, L"", {L"{T}\\srv.dll"}, {}, false},
+    {"program with a CLSID shell name", L"explorer.exe ::{CLSID}", 0, L"",
+     {L"{SYS}\\explorer.exe", L"{T}\\srv.dll"}, {L"{SYS}\\explorer.exe"}, false},
+    {"CLSID local server given as a command line", L"::{CLSID2}", 0, L"", {L"{T}\\tools\\run.exe"}, {}, false},
+    {"CLSID of the 32-bit view", L"::{CLSID32}", 1, L"", {L"{T}\\srv32.dll"}, {}, true},
+    {"file URL", L"file:///{TURL}/tools/cfg.exe", 0, L"", {L"{T}\\tools\\cfg.exe"}, {}, false},
+    {"file URL with localhost", L"file://localhost/{TURL}/tools/cfg.exe", 0, L"", {L"{T}\\tools\\cfg.exe"}, {}, false},
+    {"file URL with escaped spaces", L"file:///{TURL}/Some%20Dir/prog.exe", 0, L"",
+     {L"{T}\\Some Dir\\prog.exe"}, {}, false},
+    {"URL-escaped path", L"{T}\\Some%20Dir\\prog.exe /x", 0, L"", {L"{T}\\Some Dir\\prog.exe"}, {}, false},
+    {"program files token, native view", L"%ProgramFiles%\\kwtest-{U}\\Some App\\app.exe", 0, L"",
+     {L"{PF}\\Some App\\app.exe"}, {}, true},
+    {"program files token, 32-bit view", L"%ProgramFiles%\\kwtest-{U}\\Some App\\app.exe", 1, L"",
+     {L"{PF86}\\Some App\\app.exe"}, {}, true},
+    {"System32 file of the 64-bit folder, native view", L"{WIN}\\System32\\kwt64-{U}.dll", 0, L"",
+     {L"{WIN}\\System32\\kwt64-{U}.dll"}, {}, true},
+    {"System32 file of the 64-bit folder, 32-bit view", L"{WIN}\\System32\\kwt64-{U}.dll", 1, L"", {}, {}, true},
+    {"System32 file of the 32-bit folder, native view", L"{WIN}\\System32\\kwt32-{U}.dll", 0, L"", {}, {}, true},
+    {"System32 file of the 32-bit folder, 32-bit view", L"{WIN}\\System32\\kwt32-{U}.dll", 1, L"",
+     {L"{WOW}\\kwt32-{U}.dll"}, {}, true},
+    {"bare name of the 32-bit system folder, 32-bit view", L"kwt32-{U}", 1, L"", {L"{WOW}\\kwt32-{U}.dll"}, {}, true},
+    {"bare name of the 32-bit system folder, native view", L"kwt32-{U}", 0, L"", {}, {}, true},
+    {"bare name of the 64-bit system folder, native view", L"kwt64-{U}.dll", 0, L"",
+     {L"{SYS}\\kwt64-{U}.dll"}, {}, true},
+    {"application path", L"kwapp{U}.exe -x", 0, L"", {L"{T}\\apppath\\kwapp.exe"}, {}, false},
+    {"application path without extension", L"kwapp{U}", 0, L"", {L"{T}\\apppath\\kwapp.exe"}, {}, false},
+    {"application path quoted in the registry", L"kwquoted{U}.exe", 0, L"", {L"{T}\\apppath\\kwapp.exe"}, {}, false},
+    {"application path padded beyond its buffer", L"kwpad{U}.exe", 0, L"", {L"{T}\\apppath\\kwapp.exe"}, {}, false},
+    {"application path longer than its buffer", L"kwlong{U}.exe", 0, L"", {}, {}, false},
+    {"quoted command for the interpreter", L"cmd.exe /c \"{T}\\tools\\run.exe --silent\"", 0, L"",
+     {L"{SYS}\\cmd.exe", L"{T}\\tools\\run.exe"}, {L"{SYS}\\cmd.exe"}, false},
+    {"interpreter start with an empty title", L"cmd.exe /c start \"\" {T}\\tools\\run.exe", 0, L"",
+     {L"{SYS}\\cmd.exe", L"{T}\\tools\\run.exe"}, {L"{SYS}\\cmd.exe"}, false},
+    {"kernel form with SystemRoot", L"\\SystemRoot\\System32\\svchost.exe", 0, L"",
+     {L"{WIN}\\System32\\svchost.exe"}, {L"{SYS}\\svchost.exe"}, false},
+    {"kernel form with a drive", L"\\??\\{T}\\tools\\cfg.exe", 0, L"", {L"{T}\\tools\\cfg.exe"}, {}, false},
+    {"relative to the Windows directory", L"system32\\svchost.exe -k x", 0, L"",
+     {L"{WIN}\\system32\\svchost.exe"}, {L"{SYS}\\svchost.exe"}, false},
+    {"relative to the caller's folder", L"tools\\cfg.exe", 0, L"{T}", {L"{T}\\tools\\cfg.exe"}, {}, false},
+    {"long-path prefix", L"\\\\?\\{T}\\tools\\cfg.exe", 0, L"", {L"\\\\?\\{T}\\tools\\cfg.exe"}, {}, false},
+    {"path without extension completed", L"{T}\\tools\\cfg", 0, L"", {L"{T}\\tools\\cfg.exe"}, {}, false},
+    {"forward slashes", L"{TURL}/tools/cfg.exe", 0, L"", {L"{T}\\tools\\cfg.exe"}, {}, false},
+};
+
+// Bad input: the result is whatever the rules give (mostly nothing), never a
+// crash or an overrun.
+const Row kBadInput[] = {
+    {"empty", L"", 0, L"", {}, {}, false},
+    {"blanks only", L"  \t  ", 0, L"", {}, {}, false},
+    {"empty parentheses", L"()", 0, L"", {}, {}, false},
+    {"unbalanced opening quote", L"\"{T}\\tools\\cfg.exe", 0, L"", {L"{T}\\tools\\cfg.exe"}, {}, false},
+    {"unbalanced closing quote", L"{T}\\tools\\cfg.exe\" x", 0, L"", {L"{T}\\tools\\cfg.exe"}, {}, false},
+    {"lone quote", L"\"", 0, L"", {}, {}, false},
+    {"unbalanced opening parenthesis", L"({T}\\a.dll;{T}\\b.dll", 0, L"", {L"{T}\\a.dll", L"{T}\\b.dll"}, {}, false},
+    {"unbalanced closing parenthesis", L"{T}\\a.dll)", 0, L"", {}, {}, false},
+    {"parentheses the wrong way round", L")(", 0, L"", {}, {}, false},
+    {"percent without its closing percent", L"%SystemRoot\\system32\\svchost.exe", 0, L"", {}, {}, false},
+    {"percent alone", L"%", 0, L"", {}, {}, false},
+    {"invalid characters", L"{T}\\tools\\c<f>g.exe", 0, L"", {}, {}, false},
+    {"pipe after a path", L"{T}\\tools\\cfg.exe|more", 0, L"", {}, {}, false},
+    {"control character", L"{T}\\tools\\cfg\x01.exe", 0, L"", {}, {}, false},
+    {"CLSID one character short", L"::{CLSIDSHORT}", 0, L"", {}, {}, false},
+    {"CLSID not registered", L"::{00000000-0000-0000-0000-0000000000AB}", 0, L"", {}, {}, false},
+    {"UNC path of five characters", L"\\\\a\\b", 0, L"", {}, {}, false},
+    {"UNC without share", L"\\\\abc", 0, L"", {}, {}, false},
+    {"device path", L"\\\\.\\pipe\\x", 0, L"", {}, {}, false},
+    {"drive-relative path", L"C:cfg.exe", 0, L"", {}, {}, false},
+    {"options only", L"-a /b --c", 0, L"", {}, {}, false},
+    {"service group name alone", L"netsvcs", 0, L"", {}, {}, false},
+    {"interpreter command alone", L"start", 0, L"", {}, {}, false},
+    {"remote share", L"\\\\kw-no-such-host-{U}\\share\\x.exe", 0, L"", {}, {}, false},
+    {"web address", L"http://example.invalid/x.exe", 0, L"", {}, {}, false},
+};
+
+std::string RowName(const ::testing::TestParamInfo<Row>& info) {
+    std::string s;
+    for (const char* p = info.param.name; *p; ++p) s.push_back(isalnum(static_cast<unsigned char>(*p)) ? *p : '_');
+    return s;
+}
+
+TEST_P(ParseCases, YieldsExactlyTheseFiles) {
+    const Row& r = GetParam();
+    World& w = *g_world;
+    if (r.wow64Only && !w.wow64) GTEST_SKIP() << "needs a 32-bit process on 64-bit Windows";
+    for (const wchar_t* need : r.needs) {
+        const std::wstring p = w.Subst(need);
+        bool there = p.find(w.WOW) == 0 && !w.WOW.empty() ? GetFileAttributesW(p.c_str()) != INVALID_FILE_ATTRIBUTES
+                                                            : ExistsNative(p);
+        if (!there) GTEST_SKIP() << "the system has no " << kw::WideToUtf8(p);
+    }
+    std::vector<std::wstring> expected;
+    for (const wchar_t* e : r.expected) expected.push_back(w.Subst(e));
+    const std::wstring line = w.Subst(r.line);
+    const auto files = w.Parse(line, r.view, r.view, w.Subst(r.overridePath));
+    EXPECT_TRUE(SameList(files, expected)) << "line: " << kw::WideToUtf8(line) << "\nexpected:"
+                                           << Show(expected) << "\nactual:" << Show(files);
+}
+
+INSTANTIATE_TEST_SUITE_P(Resolution, ParseCases, ::testing::ValuesIn(kResolution), RowName);
+INSTANTIATE_TEST_SUITE_P(BadInput, ParseCases, ::testing::ValuesIn(kBadInput), RowName);
+
+// ---------------------------------------------------------------------------
+
+class ParseWorld : public ::testing::Test {
+public:
+    static void SetUpTestSuite() {
+        g_world = new World;
+        g_world->Build();
+    }
+    static void TearDownTestSuite() {
+        g_world->Destroy();
+        delete g_world;
+        g_world = nullptr;
+    }
+};
+
+TEST_F(ParseWorld, LongCommandLines) {
+    World& w = *g_world;
+    const std::wstring cfg = w.T + L"\\tools\\cfg.exe";
+    struct Case {
+        const char* name;
+        std::wstring line;
+        std::vector<std::wstring> expected;
+    } cases[] = {
+        {"one word of 4096 characters", std::wstring(4096, L'a'), {}},
+        {"4096 characters of short words", [] {
+             std::wstring s;
+             while (s.size() < 4096) s += L"ab ";
+             return s.substr(0, 4096);
+         }(), {}},
+        {"4096 characters of distinct words", [] {
+             std::wstring s;
+             for (int i = 0; s.size() < 4096; ++i) s += L"w" + std::to_wstring(i) + L" ";
+             return s.substr(0, 4096);
+         }(), {}},
+        {"4096 characters of path-like words", [] {
+             std::wstring s;
+             while (s.size() < 4096) s += L"C:\\x y\\";
+             return s.substr(0, 4096);
+         }(), {}},
+        {"a path followed by 4000 characters", cfg + L" " + std::wstring(4000, L'x'), {cfg}},
+        {"a quoted 4096-character token", L"\"" + std::wstring(4094, L'q') + L"\"", {}},
+        {"4096 characters of separators", std::wstring(4096, L';'), {}},
+        {"4096 opening parentheses", std::wstring(4096, L'('), {}},
+        {"a path at the end of 4096 characters", std::wstring(4096 - cfg.size() - 1, L'-') + L" " + cfg, {cfg}},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        const auto files = w.Parse(c.line, 0, 0);
+        EXPECT_TRUE(SameList(files, c.expected)) << Show(files);
+    }
+}
+
+TEST_F(ParseWorld, ShortNamesComeBackLong) {
+    World& w = *g_world;
+    const std::wstring longPath = w.T + L"\\Long File Name Test.exe";
+    wchar_t shortPath[MAX_PATH] = {0};
+    DWORD n = GetShortPathNameW(longPath.c_str(), shortPath, MAX_PATH);
+    if (n == 0 || n >= MAX_PATH || std::wstring(shortPath).find(L'~') == std::wstring::npos)
+        GTEST_SKIP() << "the file system gives no 8.3 short name for " << kw::WideToUtf8(longPath);
+    for (const auto& line : {std::wstring(shortPath), L"\"" + std::wstring(shortPath) + L"\" /x"}) {
+        SCOPED_TRACE(kw::WideToUtf8(line));
+        EXPECT_TRUE(SameList(w.Parse(line, 0, 0), {longPath})) << Show(w.Parse(line, 0, 0));
+    }
+}
+
+TEST_F(ParseWorld, UncPathsOfThisMachine) {
+    World& w = *g_world;
+    std::wstring probe;
+    kw::CHostNetworkInfo* info = kw::GetHostNetworkInfo();
+    ASSERT_NE(nullptr, info);
+    if (!info->ToLocalPath(L"\\\\localhost\\c$\\x", probe) || probe.empty()) {
+        LPBYTE buf = nullptr;
+        NET_API_STATUS st = NetShareGetInfo(nullptr, const_cast<wchar_t*>(L"C$"), 502, &buf);
+        if (buf) NetApiBufferFree(buf);
+        GTEST_SKIP() << "this system reports no share C$ (NetShareGetInfo level 502 answers " << st
+                     << "), so a UNC path of this machine cannot be turned into a local path here";
+    }
+    ASSERT_EQ(L':', w.T[1]);
+    wchar_t host[256] = {0};
+    DWORD cch = 256;
+    GetComputerNameExW(ComputerNameDnsHostname, host, &cch);
+    const std::wstring rel = w.T.substr(2) + L"\\tools\\cfg.exe";
+    const std::wstring cfg = w.T + L"\\tools\\cfg.exe";
+    const std::wstring drive = std::wstring(1, static_cast<wchar_t>(towlower(w.T[0]))) + L"$";
+    for (const auto& line : {L"\\\\localhost\\" + drive + rel, L"\\\\" + std::wstring(host) + L"\\" + drive + rel,
+                             L"\"\\\\localhost\\" + drive + rel + L"\" /x"}) {
+        SCOPED_TRACE(kw::WideToUtf8(line));
+        const auto files = w.Parse(line, 0, 0);
+        EXPECT_TRUE(SameList(files, {cfg})) << Show(files);
+    }
+}
+
+TEST_F(ParseWorld, PathFoldersAreSearched) {
+    World& w = *g_world;
+    const std::wstring dir = w.temp->Dir(L"pathdir");
+    const std::wstring exe = w.temp->File(L"pathdir\\kwpath" + w.u + L".exe");
+    std::wstring bigPath;
+    {
+        DWORD n = GetEnvironmentVariableW(L"PATH", nullptr, 0);
+        bigPath.resize(n);
+        bigPath.resize(GetEnvironmentVariableW(L"PATH", &bigPath[0], n));
+    }
+    ScopedEnv path(L"PATH", bigPath + L";relative\\dir;\"" + dir + L"\"");
+    EXPECT_TRUE(SameList(w.Parse(L"kwpath" + w.u + L".exe /x", 0, 0), {exe}));
+    EXPECT_TRUE(SameList(w.Parse(L"kwpath" + w.u, 0, 0), {exe}));
+}
+
+TEST_F(ParseWorld, PathExtOrderDecidesTheExtension) {
+    World& w = *g_world;
+    const std::wstring order = w.T + L"\\order";
+    struct Case {
+        const char* name;
+        const wchar_t* pathext;
+        std::wstring expected;
+    } cases[] = {
+        {"program first", L".COM;.EXE;.BAT", order + L"\\pick.exe"},
+        {"batch first", L".BAT;.EXE", order + L"\\pick.bat"},
+        {"neither listed: .exe is still tried", L".COM", order + L"\\pick.exe"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        ScopedEnv env(L"PATHEXT", c.pathext);
+        EXPECT_TRUE(SameList(w.Parse(L"pick", 0, 0, order), {c.expected})) << Show(w.Parse(L"pick", 0, 0, order));
+    }
+}
+
+TEST_F(ParseWorld, FilesAreAppendedOnceAndCounted) {
+    World& w = *g_world;
+    const std::wstring cfg = w.T + L"\\tools\\cfg.exe";
+    const std::wstring run = w.T + L"\\tools\\run.exe";
+    CParseComandLine p;
+    std::list<std::wstring> files{L"C:\\earlier.exe", cfg};
+    EXPECT_EQ(1, p.Parse(cfg + L" " + run, w.token, w.sid.c_str(), FALSE, files));
+    EXPECT_TRUE(SameList(files, {L"C:\\earlier.exe", cfg, run})) << Show(files);
+
+    // Only the second parse finds something: the first parse's count is 0.
+    std::list<std::wstring> second;
+    EXPECT_EQ(0, p.Parse(L"\"" + run + L" --silent\"", w.token, w.sid.c_str(), FALSE, second));
+    EXPECT_TRUE(SameList(second, {run})) << Show(second);
+
+    // A SID longer than its buffer is cut, not a crash.
+    std::list<std::wstring> third;
+    const std::wstring longSid(1000, L'S');
+    EXPECT_EQ(1, p.Parse(cfg, nullptr, longSid.c_str(), FALSE, third));
+    EXPECT_TRUE(SameList(third, {cfg}));
+    std::list<std::wstring> fourth;
+    EXPECT_EQ(1, p.Parse(cfg, nullptr, nullptr, FALSE, fourth));
+}
+
+TEST_F(ParseWorld, RuleIdReachesTheScriptStep) {
+    World& w = *g_world;
+    const std::wstring script = w.T + L"\\script" + w.EXT;
+    for (DWORD ruleId : {0ul, 31ul, 65535ul}) {
+        SCOPED_TRACE(ruleId);
+        kwtest::ScopedSink sink;
+        CParseComandLine p;
+        std::list<std::wstring> files;
+        p.Parse(script, w.token, w.sid.c_str(), FALSE, files, ruleId);
+        const std::wstring want = L"[kwRegAnalyze][INFO ][CScriptHostRuleParser::ExpandNoPECmdLine] ret: 1, ruleId: " +
+                                  std::to_wstring(ruleId) + L", cmdline: wscript.exe \"" + script + L"\"";
+        bool found = false;
+        for (const auto& t : sink.Texts()) found = found || t == want;
+        EXPECT_TRUE(found) << Show(sink.Texts());
+    }
+}
+
+TEST_F(ParseWorld, TraceLines) {
+    World& w = *g_world;
+    const std::wstring cfg = w.T + L"\\tools\\cfg.exe";
+    const std::wstring run = w.T + L"\\tools\\run.exe";
+    const std::wstring app = w.PF + L"\\Some App\\app.exe";
+    struct Case {
+        const char* name;
+        std::wstring line;
+        std::vector<std::wstring> lines;  // must appear, in this order
+    } cases[] = {
+        {"one file",
+         cfg,
+         {L"[kwRegAnalyze][INFO ][CParseComandLine::_Parse] enter MyParse app=null, cmd=" + cfg,
+          L"[kwRegAnalyze][INFO ][CParseComandLine::MyParse] MySearchPath exist=1, File=" + cfg,
+          L"[kwRegAnalyze][INFO ][CParseComandLine::Parse] CParseComandLine::Parse first parse nFiles=1, lastCmd=",
+          L"[kwRegAnalyze][INFO ][CParseComandLine::Parse] CParseComandLine::Parse after first parse nFiles=1"}},
+        {"quoted, joined, grouped and after a semicolon",
+         L"\"" + cfg + L"\" " + app + L" (" + run + L");" + cfg,
+         {L"[CParseComandLine::MyParse] MySearchPath 5 exist=1, File=" + cfg,
+          L"[CParseComandLine::MyParse] MySearchPath 4 exist=1, File=" + app,
+          L"[CParseComandLine::MyParse] MySearchPath 3 exist=1, File=" + run,
+          L"[CParseComandLine::MyParse] MySearchPath after semicolon exist=1, File=" + cfg}},
+        {"second parse",
+         L"cmd.exe /c \"" + run + L" --silent\"",
+         {L"[CParseComandLine::Parse] CParseComandLine::Parse first parse nFiles=1, lastCmd=" + run + L" --silent",
+          L"[CParseComandLine::Parse] CParseComandLine::Parse second parse",
+          L"[CParseComandLine::_Parse] enter MyParse app=null, cmd=" + run + L" --silent",
+          L"[CParseComandLine::Parse] CParseComandLine::Parse after second parse otherFiles=1",
+          L"[CParseComandLine::Parse] CParseComandLine::Parse after second parse add file=" + run}},
+        {"invalid file name",
+         L"C:\\a<b>.exe",
+         {L"[CParseComandLine::MySearchPath] Skip C:\\a<b>.exe: invalid file name",
+          L"[CParseComandLine::MyParse] MySearchPath exist=0, File=C:\\a<b>.exe"}},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        kwtest::ScopedSink sink;
+        w.Parse(c.line, 0, 0);
+        const auto texts = sink.Texts();
+        size_t at = 0;
+        for (const auto& want : c.lines) {
+            bool found = false;
+            for (; at < texts.size() && !found; ++at) found = texts[at].find(want) != std::wstring::npos;
+            EXPECT_TRUE(found) << "missing or out of order: " << kw::WideToUtf8(want) << "\nlines:" << Show(texts);
+        }
+    }
+}
+
+// ---------------------------------------------------------------------------
+// Argument helpers and quoting
+
+TEST(ParseArguments, ExtensionTests) {
+    struct Row {
+        const char* name;
+        const wchar_t* cmd;
+        bool dll, rundll, exe, vbs;
+    } rows[] = {
+        // The rundll32 form looks at the second argument whatever it is, a
+        // switch included; the other tests skip switches.
+        {"rundll32 form", L"rundll32.exe shell32.dll,Control_RunDLL x.cpl", false, true, false, false},
+        {"library argument", L"regsvr32.exe /s C:\\x\\a.DLL", true, false, false, false},
+        {"library as a switch is not an argument", L"tool.exe /a.dll", false, true, false, false},
+        {"program argument", L"runner.exe \"C:\\a b\\c.exe\"", false, false, true, false},
+        {"script argument", L"wscript.exe //B C:\\s\\x.vbs", false, false, false, true},
+        {"first argument is not looked at", L"C:\\x.dll C:\\y.txt", false, false, false, false},
+        {"rundll32 with a quoted library", L"rundll32 \"C:\\a b\\x.dll\",Entry", false, true, false, false},
+        {"rundll32 without entry", L"rundll32 x.dll", true, true, false, false},
+        {"only a program", L"C:\\x.exe", false, false, false, false},
+        {"empty", L"", false, false, false, false},
+        {"blank", L"   ", false, false, false, false},
+    };
+    for (const auto& r : rows) {
+        SCOPED_TRACE(r.name);
+        EXPECT_EQ(r.dll, kw::HasDllArgument(r.cmd));
+        EXPECT_EQ(r.rundll, kw::IsRundll32Form(r.cmd));
+        EXPECT_EQ(r.exe, kw::HasExeArgument(r.cmd));
+        EXPECT_EQ(r.vbs, kw::HasVbsArgument(r.cmd));
+    }
+}
+
+TEST(ParseArguments, Quoting) {
+    kwtest::TempDir dir(L"kwquote");
+    const std::wstring there = dir.File(L"a b.exe");
+    const std::wstring missing = dir.Path() + L"\\missing.exe";
+    struct Row {
+        std::string name;
+        std::wstring path;
+        bool check;
+        std::wstring expected;
+    } rows[] = {
+        {"wrapped", L"C:\\a b\\x.exe", false, L"\"C:\\a b\\x.exe\""},
+        {"already quoted", L"\"C:\\x.exe\"", false, L"\"C:\\x.exe\""},
+        {"holding a quote", L"C:\\x\".exe", false, L"C:\\x\".exe"},
+        {"existing file checked", there, true, L"\"" + there + L"\""},
+        {"missing file checked", missing, true, missing},
+        {"missing file unchecked", missing, false, L"\"" + missing + L"\""},
+        {"empty", L"", false, L""},
+    };
+    for (const auto& r : rows) {
+        SCOPED_TRACE(r.name);
+        EXPECT_EQ(r.expected, kw::QuotePath(r.path, r.check));
+    }
+}
+
+// ---------------------------------------------------------------------------
+// Text rules of the tokenizer
+
+TEST(ParseText, FileNameValidity) {
+    struct Row {
+        const char* name;
+        std::wstring text;
+        bool valid;
+    } rows[] = {
+        {"drive path", L"C:\\x\\y.exe", true},
+        {"bare name", L"y.exe", true},
+        {"259 characters", L"C:\\" + std::wstring(256, L'a'), true},
+        {"260 characters", L"C:\\" + std::wstring(257, L'a'), false},
+        {"261 characters", L"C:\\" + std::wstring(258, L'a'), false},
+        {"empty", L"", false},
+        {"less-than", L"C:\\a<b", false},
+        {"pipe", L"a|b", false},
+        {"question mark", L"a?b", false},
+        {"star", L"*.exe", false},
+        {"quote", L"a\"b", false},
+        {"colon after the drive", L"C:\\a:b", false},
+        {"colon first", L"::{x}", false},
+        {"control character", std::wstring(L"a") + L'\x1f' + L"b", false},
+        {"long-path prefix", L"\\\\?\\C:\\x.exe", true},
+        {"kernel prefix", L"\\??\\C:\\x.exe", true},
+        {"device path", L"\\\\.\\pipe\\x", false},
+        {"UNC", L"\\\\host\\share\\x.exe", true},
+        {"semicolon and comma are file characters", L"C:\\a;b,c.exe", true},
+    };
+    for (const auto& r : rows) {
+        SCOPED_TRACE(r.name);
+        EXPECT_EQ(r.valid, kw::IsValidFileCandidate(r.text));
+    }
+}
+
+TEST(ParseText, FileUrlsAndEscapes) {
+    struct Row {
+        const char* name;
+        const wchar_t* in;
+        const wchar_t* out;
+    } urls[] = {
+        {"three slashes", L"file:///C:/a/b.exe", L"C:\\a\\b.exe"},
+        {"localhost", L"FILE://localhost/C:/a.exe", L"C:\\a.exe"},
+        {"host and share", L"file://srv/share/a.exe", L"\\\\srv\\share\\a.exe"},
+        {"one slash", L"file:/C:/a.exe", L"C:\\a.exe"},
+        {"old drive bar", L"file:///C|/a.exe", L"C:\\a.exe"},
+        {"no prefix", L"C:/a.exe", L"C:/a.exe"},
+        {"prefix only", L"file:", L""},
+    };
+    for (const auto& r : urls) {
+        SCOPED_TRACE(r.name);
+        EXPECT_EQ(std::wstring(r.out), kw::FileUrlToPath(r.in));
+    }
+    Row escapes[] = {
+        {"space", L"C:\\Some%20Dir\\a.exe", L"C:\\Some Dir\\a.exe"},
+        {"lower-case hex", L"a%2fb", L"a/b"},
+        {"UTF-8 sequence", L"caf%C3%A9.exe", L"caf\x00e9.exe"},
+        {"byte that is no UTF-8", L"a%E9b", L"a\x00e9" L"b"},
+        {"percent without digits", L"100%", L"100%"},
+        {"one digit only", L"a%2", L"a%2"},
+        {"not hexadecimal", L"%SystemRoot%", L"%SystemRoot%"},
+        {"escaped percent", L"%2541", L"%41"},
+    };
+    for (const auto& r : escapes) {
+        SCOPED_TRACE(r.name);
+        EXPECT_EQ(std::wstring(r.out), kw::UrlUnescapeText(r.in));
+    }
+    EXPECT_TRUE(kw::HasUrlEscape(L"a%20b"));
+    EXPECT_FALSE(kw::HasUrlEscape(L"%SystemRoot%"));
+    EXPECT_FALSE(kw::HasUrlEscape(L"a%2"));
+}
+
+}  // namespace

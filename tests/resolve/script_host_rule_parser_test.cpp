@@ -1,0 +1,499 @@
+// The script-host step: a non-executable file's command line becomes the
+// command of its class's shell verb; internal and external commands; PATHEXT.
+#include "resolve/parse_text.h"
+#include "resolve/script_host_rule_parser.h"
+
+#include "common/strutil.h"
+#include "support/fixtures.h"
+#include "support/trace_capture.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <set>
+#include <string>
+#include <vector>
+
+using kw::CScriptHostRuleParser;
+
+namespace {
+
+std::atomic<unsigned> g_seq{0};
+
+std::wstring Unique(const wchar_t* prefix) {
+    return prefix + std::to_wstring(GetCurrentProcessId()) + L"x" + std::to_wstring(GetTickCount()) +
+           L"x" + std::to_wstring(++g_seq);
+}
+
+// Registry keys created by a test, each removed (with everything below it)
+// when the test ends.
+class KeyJanitor {
+public:
+    ~KeyJanitor() {
+        for (auto it = m_keys.rbegin(); it != m_keys.rend(); ++it)
+            kwtest::RegDeleteTreeView(it->first, it->second, KEY_WOW64_64KEY);
+    }
+    void Add(HKEY root, const std::wstring& key) { m_keys.emplace_back(root, key); }
+
+private:
+    std::vector<std::pair<HKEY, std::wstring>> m_keys;
+};
+
+// Sets an environment variable for a scope and puts the old value back.
+class ScopedEnv {
+public:
+    ScopedEnv(const wchar_t* name, const wchar_t* value) : m_name(name) {
+        wchar_t probe[1];
+        DWORD n = GetEnvironmentVariableW(name, probe, 0);
+        if (n > 0) {
+            std::wstring old(n, L'\0');
+            DWORD got = GetEnvironmentVariableW(name, &old[0], n);
+            old.resize(got);
+            m_old = old;
+            m_had = true;
+        }
+        SetEnvironmentVariableW(name, value);
+    }
+    ~ScopedEnv() { SetEnvironmentVariableW(m_name.c_str(), m_had ? m_old.c_str() : nullptr); }
+
+private:
+    std::wstring m_name, m_old;
+    bool m_had = false;
+};
+
+std::wstring SystemDir() {
+    wchar_t buf[MAX_PATH] = {0};
+    GetSystemDirectoryW(buf, MAX_PATH);
+    return buf;
+}
+
+std::wstring Join(const std::vector<std::wstring>& v) {
+    std::wstring out;
+    for (const auto& s : v) out += L"[" + s + L"]";
+    return out;
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------------------
+// Text rules
+
+TEST(ScriptHostText, ExtensionOfTheLastComponent) {
+    struct Row {
+        const char* name;
+        const wchar_t* path;
+        const wchar_t* ext;
+    } rows[] = {
+        {"plain", L"C:\\a\\b.vbs", L".vbs"},
+        {"two dots", L"C:\\a\\b.tar.gz", L".gz"},
+        {"dot in a folder only", L"C:\\a.b\\c", L""},
+        {"forward slashes", L"C:/a.b/c.js", L".js"},
+        {"no dot", L"notepad", L""},
+        {"trailing dot", L"x.", L"."},
+        {"dot followed by a blank is text", L"C:\\a. b", L""},
+        {"empty", L"", L""},
+    };
+    for (const auto& r : rows) {
+        SCOPED_TRACE(r.name);
+        EXPECT_EQ(std::wstring(r.ext), kw::PathExtensionOf(r.path));
+    }
+}
+
+TEST(ScriptHostText, ExecutableImageExtensions) {
+    for (const wchar_t* e : {L".exe", L".EXE", L".dll", L".scr", L".sys", L".ocx", L".cpl", L".com",
+                             L".drv", L".ax", L".acm", L".tsp", L".efi"})
+        EXPECT_TRUE(kw::IsExecutableImageExtension(e)) << e;
+    for (const wchar_t* e : {L".vbs", L".bat", L".cmd", L".js", L".txt", L".msc", L".lnk", L".exe2",
+                             L"exe", L"", L"."})
+        EXPECT_FALSE(kw::IsExecutableImageExtension(e)) << e;
+}
+
+TEST(ScriptHostText, FirstArgument) {
+    const std::set<std::wstring> existing = {L"C:\\Some Dir\\a b.vbs", L"C:\\x.vbs"};
+    auto isFile = [&](const std::wstring& p) { return existing.count(p) != 0; };
+    struct Row {
+        const char* name;
+        const wchar_t* line;
+        bool ok;
+        const wchar_t* file;
+        const wchar_t* rest;
+    } rows[] = {
+        {"quoted file with arguments", L"\"C:\\a b\\x.vbs\" /b /x", true, L"C:\\a b\\x.vbs", L"/b /x"},
+        {"unquoted file with arguments", L"C:\\x.vbs arg1 arg2", true, L"C:\\x.vbs", L"arg1 arg2"},
+        {"single unquoted argument cut at a comma", L"C:\\x.vbs,1", true, L"C:\\x.vbs", L""},
+        {"single unquoted argument cut at a semicolon", L"C:\\x.vbs;C:\\y.vbs", true, L"C:\\x.vbs", L""},
+        {"single unquoted argument cut at a slash", L"x.vbs/s", true, L"x.vbs", L""},
+        {"unquoted path with spaces found by prefix", L"C:\\Some Dir\\a b.vbs /s", true,
+         L"C:\\Some Dir\\a b.vbs", L"/s"},
+        {"unquoted path with spaces, none exists", L"C:\\No Dir\\a b.vbs /s", true, L"C:\\No", L"Dir\\a b.vbs /s"},
+        {"leading blanks", L"   C:\\x.vbs", true, L"C:\\x.vbs", L""},
+        {"unbalanced quote", L"\"C:\\a b\\x.vbs", true, L"C:\\a b\\x.vbs", L""},
+        {"empty", L"", false, L"", L""},
+        {"blank", L"  \t ", false, L"", L""},
+        {"only a comma", L",", false, L"", L""},
+    };
+    for (const auto& r : rows) {
+        SCOPED_TRACE(r.name);
+        std::wstring file, rest;
+        EXPECT_EQ(r.ok, kw::ScriptFirstArgument(r.line, file, rest, isFile));
+        EXPECT_EQ(std::wstring(r.file), file);
+        EXPECT_EQ(std::wstring(r.rest), rest);
+    }
+}
+
+TEST(ScriptHostText, ShellMarkers) {
+    struct Row {
+        const char* name;
+        const wchar_t* command;
+        const wchar_t* file;
+        const wchar_t* rest;
+        const wchar_t* expected;
+    } rows[] = {
+        {"quoted %1", L"wscript.exe \"%1\"", L"C:\\x.vbs", L"", L"wscript.exe \"C:\\x.vbs\""},
+        {"quoted %1 and %*", L"\"C:\\w.exe\" \"%1\" %*", L"C:\\x.vbs", L"/b /x",
+         L"\"C:\\w.exe\" \"C:\\x.vbs\" /b /x"},
+        {"bare %1 with a blank in the file", L"notepad.exe %1", L"C:\\a b.txt", L"",
+         L"notepad.exe \"C:\\a b.txt\""},
+        {"bare %1 without blanks", L"notepad.exe %1", L"C:\\a.txt", L"", L"notepad.exe C:\\a.txt"},
+        {"long-name marker", L"mmc.exe \"%L\"", L"C:\\a.msc", L"", L"mmc.exe \"C:\\a.msc\""},
+        {"lower-case marker after a lower-casing expansion", L"c:\\w.exe \"%l\"", L"C:\\a.x", L"",
+         L"c:\\w.exe \"C:\\a.x\""},
+        {"quoted %* takes the file", L"host.exe \"%*\"", L"C:\\a.x", L"r", L"host.exe \"C:\\a.x\""},
+        {"other markers dropped", L"host.exe %1 %2 %I %D", L"C:\\a.x", L"", L"host.exe C:\\a.x"},
+        {"no marker: file appended", L"viewer.exe /open", L"C:\\a b.x", L"",
+         L"viewer.exe /open \"C:\\a b.x\""},
+        {"environment token left for expansion", L"%SystemRoot%\\w.exe \"%1\"", L"C:\\a.x", L"",
+         L"%SystemRoot%\\w.exe \"C:\\a.x\""},
+        {"percent at the end", L"w.exe \"%1\" %", L"C:\\a.x", L"", L"w.exe \"C:\\a.x\" %"},
+        {"empty command", L"", L"C:\\a.x", L"", L"\"C:\\a.x\""},
+    };
+    for (const auto& r : rows) {
+        SCOPED_TRACE(r.name);
+        EXPECT_EQ(std::wstring(r.expected), kw::ReplaceShellMarkers(r.command, r.file, r.rest));
+    }
+}
+
+// ---------------------------------------------------------------------------
+// Internal and external commands
+
+TEST(ScriptHostRules, InternalCommands) {
+    struct Row {
+        const char* name;
+        const wchar_t* command;
+        bool internal;
+        const wchar_t* trace;  // the message traced, or null for none
+    } rows[] = {
+        {"dir", L"dir", true, L"is internal cmd."},
+        {"upper case with switch", L"DIR /s /b", true, L"is internal cmd."},
+        {"switch glued to the name", L"dir/s", true, L"is internal cmd."},
+        {"start with a program", L"start notepad.exe", true, L"is internal cmd."},
+        {"mklink", L"mklink /d a b", true, L"is internal cmd."},
+        {"echo with text", L"echo hello", true, L"is internal cmd."},
+        {"leading blanks", L"  copy a b", true, L"is internal cmd."},
+        {"lead by quote", L"\"dir\"", false, L"not internal cmd, lead by quote."},
+        {"absolute path", L"C:\\tools\\dir", false, L"not internal cmd, contains absolute path."},
+        {"absolute path in an argument", L"type C:\\x.txt", false,
+         L"not internal cmd, contains absolute path."},
+        {"UNC path", L"copy \\\\srv\\s\\a b", false, L"not internal cmd, contains absolute path."},
+        {"a program", L"notepad.exe", false, nullptr},
+        {"a name that only starts like a command", L"directory", false, nullptr},
+        {"program file named like a command", L"dir.exe", false, nullptr},
+        {"empty", L"", false, nullptr},
+    };
+    for (const auto& r : rows) {
+        SCOPED_TRACE(r.name);
+        kwtest::ScopedSink sink;
+        CScriptHostRuleParser p;
+        EXPECT_EQ(r.internal, p.IsInternalCmd(r.command));
+        auto msgs = sink.sink.Messages();
+        if (r.trace) {
+            ASSERT_EQ(1u, msgs.size());
+            EXPECT_EQ(std::wstring(r.trace), msgs[0]);
+            EXPECT_TRUE(sink.sink.Has(L"[CScriptHostRuleParser::IsInternalCmd]"));
+        } else {
+            EXPECT_TRUE(msgs.empty()) << Join(msgs);
+        }
+    }
+}
+
+TEST(ScriptHostRules, ExternalCommands) {
+    kwtest::TempDir dir(L"kwshx");
+    const std::wstring bat = dir.File(L"run.bat", "@echo off");
+    const std::wstring cmd = dir.File(L"RUN2.CMD", "@echo off");
+    const std::wstring spaced = dir.File(L"Some Dir\\go now.bat", "@echo off");
+    struct Row {
+        std::string name;
+        std::wstring command;
+        bool external;
+    } rows[] = {
+        {"existing batch file", bat, true},
+        {"existing batch file quoted with arguments", L"\"" + bat + L"\" /q", true},
+        {"existing command script in upper case", cmd, true},
+        {"quoted batch path with spaces", L"\"" + spaced + L"\" x", true},
+        {"missing batch file", dir.Path() + L"\\missing.bat", false},
+        {"a program", SystemDir() + L"\\cmd.exe /c x", false},
+        {"a folder named like a batch file", dir.Dir(L"folder.bat"), false},
+        {"empty", L"", false},
+    };
+    for (const auto& r : rows) {
+        SCOPED_TRACE(r.name);
+        CScriptHostRuleParser p;
+        EXPECT_EQ(r.external, p.IsExternalCmd(r.command));
+    }
+}
+
+// ---------------------------------------------------------------------------
+// PATHEXT
+
+TEST(ScriptHostRules, PathExtAroundItsFirstBuffer) {
+    // The first read uses 260 characters; longer values take the heap buffer.
+    for (size_t len : {10u, 258u, 259u, 260u, 261u, 1000u, 5000u}) {
+        SCOPED_TRACE(len);
+        std::wstring last = L".L";
+        std::vector<std::wstring> expected = {L".COM", L".EXE"};
+        size_t fixed = 4 + 1 + 4 + 1;  // ".COM;.EXE;"
+        if (len > fixed + 2) last += std::wstring(len - fixed - 2, L'Z');
+        expected.push_back(last);
+        std::wstring value = L".COM;.EXE;" + last;
+        ASSERT_EQ(std::max<size_t>(len, 12), value.size());
+        ScopedEnv env(L"PATHEXT", value.c_str());
+        EXPECT_EQ(expected, CScriptHostRuleParser::ReadPathExt());
+    }
+}
+
+TEST(ScriptHostRules, PathExtPieces) {
+    struct Row {
+        const char* name;
+        const wchar_t* value;  // null: unset
+        std::vector<std::wstring> expected;
+    } rows[] = {
+        {"usual value", L".COM;.EXE;.BAT;.CMD;.VBS", {L".COM", L".EXE", L".BAT", L".CMD", L".VBS"}},
+        {"empty pieces dropped", L";.COM;;.EXE;", {L".COM", L".EXE"}},
+        {"blanks around pieces", L" .COM ; .EXE", {L".COM", L".EXE"}},
+        {"single piece", L".EXE", {L".EXE"}},
+        {"only separators", L";;;", {}},
+        {"unset", nullptr, {}},
+    };
+    for (const auto& r : rows) {
+        SCOPED_TRACE(r.name);
+        ScopedEnv env(L"PATHEXT", r.value);
+        EXPECT_EQ(r.expected, CScriptHostRuleParser::ReadPathExt());
+    }
+}
+
+// ---------------------------------------------------------------------------
+// ExpandNoPECmdLine with classes registered by the test
+
+namespace {
+
+// A file class of its own: a unique extension whose class (a unique program
+// id) has the given verbs, under HKLM or under the user's classes.
+struct TestClass {
+    std::wstring ext, progId;
+};
+
+TestClass RegisterClass(KeyJanitor& keys, HKEY root, const std::wstring& classesBase,
+                        const std::wstring& defaultVerb,
+                        const std::vector<std::pair<std::wstring, std::wstring>>& verbs,
+                        const std::wstring& ext = Unique(L".kwt"), DWORD type = REG_SZ) {
+    TestClass c{ext, Unique(L"kwtest.class")};
+    keys.Add(root, classesBase + c.ext);
+    keys.Add(root, classesBase + c.progId);
+    kwtest::RegSetSz(root, classesBase + c.ext, L"", c.progId);
+    kwtest::RegCreate(root, classesBase + c.progId + L"\\shell");
+    if (!defaultVerb.empty()) kwtest::RegSetSz(root, classesBase + c.progId + L"\\shell", L"", defaultVerb);
+    for (const auto& v : verbs)
+        kwtest::RegSetSz(root, classesBase + c.progId + L"\\shell\\" + v.first + L"\\command", L"",
+                         v.second, KEY_WOW64_64KEY, type);
+    return c;
+}
+
+const std::wstring kMachineClasses = L"SOFTWARE\\Classes\\";
+
+std::wstring UserClasses() { return kwtest::CurrentUserSid() + L"\\SOFTWARE\\Classes\\"; }
+
+}  // namespace
+
+TEST(ScriptHostExpand, VerbCommands) {
+    KeyJanitor keys;
+    kwtest::TempDir dir(L"kwshe");
+    const auto open = RegisterClass(keys, HKEY_LOCAL_MACHINE, kMachineClasses, L"",
+                                    {{L"open", L"wscript.exe \"%1\""}});
+    const auto withArgs = RegisterClass(keys, HKEY_LOCAL_MACHINE, kMachineClasses, L"",
+                                        {{L"open", L"\"C:\\host\\w.exe\" \"%1\" %*"}});
+    const auto edit = RegisterClass(keys, HKEY_LOCAL_MACHINE, kMachineClasses, L"edit",
+                                    {{L"open", L"open.exe \"%1\""}, {L"edit", L"edit.exe \"%1\""}});
+    const auto verbList = RegisterClass(keys, HKEY_LOCAL_MACHINE, kMachineClasses, L"print,open",
+                                        {{L"open", L"open.exe \"%1\""}, {L"print", L"print.exe \"%1\""}});
+    const auto missingVerb = RegisterClass(keys, HKEY_LOCAL_MACHINE, kMachineClasses, L"play",
+                                           {{L"open", L"open.exe \"%1\""}});
+    const auto expandSz = RegisterClass(keys, HKEY_LOCAL_MACHINE, kMachineClasses, L"",
+                                        {{L"open", L"%SystemRoot%\\kwhost.exe \"%1\""}},
+                                        Unique(L".kwt"), REG_EXPAND_SZ);
+    const auto noMarker = RegisterClass(keys, HKEY_LOCAL_MACHINE, kMachineClasses, L"",
+                                        {{L"open", L"viewer.exe /view"}});
+    // A class named directly by the extension key (no program id).
+    const std::wstring directExt = Unique(L".kwd");
+    keys.Add(HKEY_LOCAL_MACHINE, kMachineClasses + directExt);
+    kwtest::RegSetSz(HKEY_LOCAL_MACHINE, kMachineClasses + directExt + L"\\shell\\open\\command", L"",
+                     L"direct.exe \"%1\"");
+    // An extension whose class has no command at all.
+    const auto noCommand = RegisterClass(keys, HKEY_LOCAL_MACHINE, kMachineClasses, L"", {});
+
+    const std::wstring f = dir.File(L"a" + open.ext);
+    const std::wstring spacedDir = dir.Dir(L"Some Dir");
+    const std::wstring spaced = dir.File(L"Some Dir\\b c" + withArgs.ext);
+    wchar_t win[MAX_PATH] = {0};
+    GetSystemWindowsDirectoryW(win, MAX_PATH);
+
+    struct Row {
+        std::string name;
+        std::wstring line;
+        int ret;
+        std::wstring expected;
+    } rows[] = {
+        {"quoted %1 in the open verb", f, 1, L"wscript.exe \"" + f + L"\""},
+        {"quoted script line", L"\"" + f + L"\"", 1, L"wscript.exe \"" + f + L"\""},
+        {"arguments go to %*", L"\"C:\\s\\x" + withArgs.ext + L"\" /b /x", 1,
+         L"\"C:\\host\\w.exe\" \"C:\\s\\x" + withArgs.ext + L"\" /b /x"},
+        {"unquoted script path with spaces and an argument", spaced + L" /q", 1,
+         L"\"C:\\host\\w.exe\" \"" + spaced + L"\" /q"},
+        {"default verb names another verb", L"C:\\x" + edit.ext, 1, L"edit.exe \"C:\\x" + edit.ext + L"\""},
+        {"default verb list takes its first entry", L"C:\\x" + verbList.ext, 1,
+         L"print.exe \"C:\\x" + verbList.ext + L"\""},
+        {"default verb without a command falls back to open", L"C:\\x" + missingVerb.ext, 1,
+         L"open.exe \"C:\\x" + missingVerb.ext + L"\""},
+        {"expandable command is expanded", L"C:\\x" + expandSz.ext, 1,
+         std::wstring(win) + L"\\kwhost.exe \"C:\\x" + expandSz.ext + L"\""},
+        {"command without a marker gets the file", L"C:\\x" + noMarker.ext, 1,
+         L"viewer.exe /view \"C:\\x" + noMarker.ext + L"\""},
+        {"class on the extension key itself", L"C:\\x" + directExt, 1,
+         L"direct.exe \"C:\\x" + directExt + L"\""},
+        {"single argument cut at a comma", L"C:\\x" + open.ext + L",1", 1,
+         L"wscript.exe \"C:\\x" + open.ext + L"\""},
+        {"class without a command", L"C:\\x" + noCommand.ext, 0, L"C:\\x" + noCommand.ext},
+        {"unknown extension", L"C:\\x" + Unique(L".kwnone"), 0, L""},
+        {"program left alone", L"C:\\x\\app.exe /s", 0, L"C:\\x\\app.exe /s"},
+        {"library left alone", L"C:\\x\\lib.DLL,Entry", 0, L"C:\\x\\lib.DLL,Entry"},
+        {"name without extension", L"notepad /a", 0, L"notepad /a"},
+        {"quoted cmd line", L"\"cmd /c C:\\x" + open.ext + L"\"", 0, L"\"cmd /c C:\\x" + open.ext + L"\""},
+        {"quoted CMD.EXE", L"\"CMD.EXE\" /c C:\\x" + open.ext, 0, L"\"CMD.EXE\" /c C:\\x" + open.ext},
+        {"empty", L"", 0, L""},
+        {"blank", L"   ", 0, L"   "},
+    };
+    for (auto& r : rows) {
+        SCOPED_TRACE(r.name);
+        if (r.name == "unknown extension") r.expected = r.line;
+        std::wstring line = r.line;
+        CScriptHostRuleParser p;
+        EXPECT_EQ(r.ret, p.ExpandNoPECmdLine(line, nullptr, nullptr, FALSE, 0));
+        EXPECT_TRUE(kw::EqualsNoCase(r.expected, line)) << kw::WideToUtf8(line);
+    }
+}
+
+TEST(ScriptHostExpand, OnlyTheFirst259CharactersAreUsed) {
+    KeyJanitor keys;
+    const auto open = RegisterClass(keys, HKEY_LOCAL_MACHINE, kMachineClasses, L"",
+                                    {{L"open", L"w.exe \"%1\" %*"}});
+    const std::wstring file = L"C:\\x" + open.ext;
+    for (size_t len : {258u, 259u, 260u, 261u, 400u}) {
+        SCOPED_TRACE(len);
+        std::wstring line = file + L" " + std::wstring(len - file.size() - 1, L'a');
+        ASSERT_EQ(len, line.size());
+        std::wstring expectedRest(std::min<size_t>(len, 259) - file.size() - 1, L'a');
+        CScriptHostRuleParser p;
+        EXPECT_EQ(1, p.ExpandNoPECmdLine(line, nullptr, nullptr, FALSE, 0));
+        EXPECT_EQ(L"w.exe \"" + file + L"\" " + expectedRest, line);
+    }
+}
+
+TEST(ScriptHostExpand, UserClassWinsOverMachineClass) {
+    const std::wstring sid = kwtest::CurrentUserSid();
+    ASSERT_FALSE(sid.empty());
+    KeyJanitor keys;
+    const std::wstring ext = Unique(L".kwu");
+    RegisterClass(keys, HKEY_LOCAL_MACHINE, kMachineClasses, L"", {{L"open", L"machine.exe \"%1\""}}, ext);
+    RegisterClass(keys, HKEY_USERS, UserClasses(), L"", {{L"open", L"user.exe \"%1\""}}, ext);
+    // The user's extension may also name a class that only the machine holds.
+    const std::wstring ext2 = Unique(L".kwu");
+    const auto machineOnly =
+        RegisterClass(keys, HKEY_LOCAL_MACHINE, kMachineClasses, L"", {{L"open", L"m2.exe \"%1\""}}, ext2);
+    keys.Add(HKEY_USERS, UserClasses() + ext2);
+    kwtest::RegSetSz(HKEY_USERS, UserClasses() + ext2, L"", machineOnly.progId);
+
+    struct Row {
+        const char* name;
+        const wchar_t* sid;
+        std::wstring file, expected;
+    } rows[] = {
+        {"with the SID the user's class wins", sid.c_str(), L"C:\\a" + ext, L"user.exe \"C:\\a" + ext + L"\""},
+        {"without a SID only the machine's class", nullptr, L"C:\\a" + ext,
+         L"machine.exe \"C:\\a" + ext + L"\""},
+        {"empty SID only the machine's class", L"", L"C:\\a" + ext, L"machine.exe \"C:\\a" + ext + L"\""},
+        {"user's extension, machine's class", sid.c_str(), L"C:\\b" + ext2, L"m2.exe \"C:\\b" + ext2 + L"\""},
+    };
+    for (const auto& r : rows) {
+        SCOPED_TRACE(r.name);
+        std::wstring line = r.file;
+        CScriptHostRuleParser p;
+        EXPECT_EQ(1, p.ExpandNoPECmdLine(line, r.sid, nullptr, FALSE, 0));
+        EXPECT_EQ(r.expected, line);
+    }
+}
+
+TEST(ScriptHostExpand, TraceLines) {
+    KeyJanitor keys;
+    const auto open = RegisterClass(keys, HKEY_LOCAL_MACHINE, kMachineClasses, L"",
+                                    {{L"open", L"wscript.exe \"%1\""}});
+    struct Row {
+        std::string name;
+        std::wstring line;
+        DWORD ruleId;
+        std::vector<std::wstring> messages;
+    } rows[] = {
+        {"rewritten, from an analysis", L"C:\\s" + open.ext, 4242,
+         {L"ret: 1, ruleId: 4242, cmdline: wscript.exe \"C:\\s" + open.ext + L"\""}},
+        {"rewritten, outside an analysis", L"C:\\s" + open.ext, 0,
+         {L"ret: 1, ruleId: 0, cmdline: wscript.exe \"C:\\s" + open.ext + L"\""}},
+        {"no class", L"C:\\s.kwnoclass", 7, {L"ret: 0, ruleId: 7, cmdline: C:\\s.kwnoclass"}},
+        {"special cmd line", L"\"Cmd /c C:\\s" + open.ext + L"\"", 7,
+         {L"Special cmd line: \"cmd /c ...\""}},
+        {"program: nothing traced", L"C:\\x.exe", 7, {}},
+    };
+    for (const auto& r : rows) {
+        SCOPED_TRACE(r.name);
+        kwtest::ScopedSink sink;
+        std::wstring line = r.line;
+        CScriptHostRuleParser p;
+        p.ExpandNoPECmdLine(line, nullptr, nullptr, FALSE, r.ruleId);
+        EXPECT_EQ(r.messages, sink.sink.Messages()) << Join(sink.sink.Messages());
+        for (const auto& l : sink.Texts())
+            EXPECT_EQ(0u, l.find(L"[kwRegAnalyze][INFO ][CScriptHostRuleParser::ExpandNoPECmdLine] "))
+                << kw::WideToUtf8(l);
+    }
+}
+
+TEST(ScriptHostExpand, BatchFileClassIsAnExternalCommand) {
+    // The user's own .bat association, created for the test only: the machine's
+    // association (if any) is not touched, and a user that already has one is
+    // left alone.
+    const std::wstring sid = kwtest::CurrentUserSid();
+    ASSERT_FALSE(sid.empty());
+    if (kwtest::RegKeyExists(HKEY_USERS, UserClasses() + L".bat"))
+        GTEST_SKIP() << "this user already has a .bat association of its own";
+    KeyJanitor keys;
+    RegisterClass(keys, HKEY_USERS, UserClasses(), L"", {{L"open", L"\"%1\" %*"}}, L".bat");
+    kwtest::TempDir dir(L"kwshb");
+    const std::wstring bat = dir.File(L"job.bat", "@echo off");
+
+    kwtest::ScopedSink sink;
+    std::wstring line = bat + L" /now";
+    CScriptHostRuleParser p;
+    EXPECT_EQ(1, p.ExpandNoPECmdLine(line, sid.c_str(), nullptr, FALSE, 12));
+    const std::wstring expected = L"\"" + bat + L"\" /now";
+    EXPECT_EQ(expected, line);
+    EXPECT_EQ((std::vector<std::wstring>{L"File shell open is ExternalCmd: " + expected,
+                                         L"ret: 1, ruleId: 12, cmdline: " + expected}),
+              sink.sink.Messages());
+}
