@@ -2,6 +2,8 @@
 
 #include "diag/trace.h"
 
+#include <cstring>
+#include <iterator>
 #include <new>
 
 namespace kw {
@@ -56,14 +58,87 @@ unsigned long CPlugDeepScan::PreProcessEvent(IHostEvent*, IHostRuleEngine*) {
     return 0;
 }
 
-unsigned long CPlugDeepScan::PostProcessEvent(IHostEvent* pEvent, IHostRuleEngine* ctx) {
-    KW_INFO("CPlugDeepScan::PostProcessEvent", "CPlugDeepScan::PostProcessEvent enter");
-    return 0;
-}
-
 unsigned long CPlugDeepScan::LastProcessEvent(IHostEvent*, IHostRuleEngine*) {
     KW_INFO("CPlugDeepScan::LastProcessEvent", "CPlugDeepScan::LastProcessEvent enter");
     return 0;
+}
+
+bool CPlugDeepScan::TransformRegPath(DWORD processId, const wchar_t* key, std::wstring& out) {
+    if (!key || !regKeyTranslate) return false;
+    wchar_t translated[1024] = {0};  // 2048 bytes
+    const DWORD start = GetTickCount();
+    const bool ok = regKeyTranslate->Translate(processId, key, translated, sizeof(translated));
+    out = translated;
+    const DWORD elapsed = GetTickCount() - start;
+    KW_INFO("CPlugDeepScan::TransformRegPath", "[kws] ===> time= %u  ret= %d old key: %ls \r\n new key:%ls",
+            static_cast<unsigned>(elapsed), ok ? 1 : 0, key, translated);
+    return ok;
+}
+
+namespace {
+
+bool PointsIntoInline(const KW_REQUEST* req, const wchar_t* p) noexcept {
+    const auto first = reinterpret_cast<uintptr_t>(req->Inline);
+    const auto end = reinterpret_cast<uintptr_t>(req->Inline + std::size(req->Inline));
+    const auto at = reinterpret_cast<uintptr_t>(p);
+    return at >= first && at < end;
+}
+
+// Puts a process-heap copy of text into *slot; the previous string is freed
+// unless it lives in the request's inline storage (the host owns that).
+bool ReplaceRequestString(KW_REQUEST* req, wchar_t** slot, const std::wstring& text) noexcept {
+    const size_t cb = (text.size() + 1) * sizeof(wchar_t);
+    auto* copy = static_cast<wchar_t*>(HeapAlloc(GetProcessHeap(), 0, cb));
+    if (!copy) return false;
+    memcpy(copy, text.c_str(), cb);
+    wchar_t* old = *slot;
+    *slot = copy;
+    if (old && !PointsIntoInline(req, old)) HeapFree(GetProcessHeap(), 0, old);
+    return true;
+}
+
+}  // namespace
+
+bool CPlugDeepScan::TransformEventRegPath(IHostEvent* pEvent) {
+    const char* fn = "CPlugDeepScan::TransformEventRegPath";
+    if (!pEvent) {
+        KW_ERROR(fn, "pEvent == nullptr");
+        return false;
+    }
+    KW_DRV_EVENT* drvEvent = pEvent->GetDriverEvent();
+    KW_REQUEST* pReq = drvEvent ? &drvEvent->Request : nullptr;
+    if (!pReq) {
+        KW_ERROR(fn, "pReq == nullptr");
+        return false;
+    }
+    if (pReq->Class != RCLASS_REGISTRY) return true;
+
+    try {
+        const DWORD processId = pReq->Context.ProcessId;
+        std::wstring result;
+        KW_INFO(fn, "start Transform  prekey=%ls", pReq->KeyPath ? pReq->KeyPath : L"");
+        TransformRegPath(processId, pReq->KeyPath, result);
+        if (!result.empty()) {
+            if (ReplaceRequestString(pReq, &pReq->KeyPath, result))
+                KW_INFO(fn, " postkey=%ls", pReq->KeyPath);
+            else
+                KW_ERROR(fn, "HeapAlloc fail, key path kept");
+        }
+        if (pReq->Operation == REQ_OP_KEY_RENAMED) {
+            result.clear();
+            KW_INFO(fn, " prerenamekey=%ls", pReq->RenamePath ? pReq->RenamePath : L"");
+            TransformRegPath(processId, pReq->RenamePath, result);
+            if (!result.empty()) {
+                if (ReplaceRequestString(pReq, &pReq->RenamePath, result))
+                    KW_INFO(fn, " postrename_key=%ls", pReq->RenamePath);
+                else
+                    KW_ERROR(fn, "HeapAlloc fail, rename key path kept");
+            }
+        }
+    } catch (...) {
+        // Out of memory while translating: the request keeps what it holds.
+    }
+    return true;
 }
 
 void CPlugDeepScan::DestroyAsBase(CPlugDeepScan* obj) noexcept {

@@ -1,0 +1,145 @@
+// The analysis object: one is made for each analysed registry event. It
+// checks the analysis record against its rule, runs the analyzer that the
+// rule's FunctionID names and collects the files found as result entries.
+//
+// Per-record context (reset by every AnalyzItem): the acting process's handle,
+// token and SID text, and three view flags:
+//   bNativeView  - 1 when the changed key lies in the native registry view,
+//                  0 under Wow6432Node;
+//   bWow64Parse  - 1 when command lines are resolved in the 32-bit
+//                  file-system view, 2 for the native view;
+//   bWow64Expand - passed to path expansion as the 32-bit-view switch.
+#pragma once
+#include "analyze/analysis_record.h"
+#include "analyze/result_entry.h"
+#include "common/handle.h"
+#include "resolve/parse_command_line.h"
+#include "rules/reg_rule.h"
+
+#include <windows.h>
+
+#include <list>
+#include <set>
+#include <string>
+#include <vector>
+
+namespace kw {
+
+class CEasyClsid;
+
+// Analyzer result codes.
+enum : uint32_t {
+    ANALYZ_OK = 0,
+    ANALYZ_NO_ENTRY = 1,       // entry not created, or rule parameter missing
+    ANALYZ_BAD_FUNCTION = 2,   // FunctionID out of range
+    ANALYZ_NOT_HANDLED = 3,    // record not of a kind the analyzer handles, or path mismatch
+    ANALYZ_NOTHING = 4,        // nothing to analyse
+};
+
+class CAnalizyOperate {
+public:
+    CAnalizyOperate() noexcept;
+    virtual ~CAnalizyOperate() = default;
+    CAnalizyOperate(const CAnalizyOperate&) = delete;
+    CAnalizyOperate& operator=(const CAnalizyOperate&) = delete;
+
+    // First call on this object: opens the process's file log (false when it
+    // cannot be created) and writes "[regscan] Autorun Init Success" to it.
+    // Later calls return true at once.
+    bool Init() noexcept;
+
+    // Parses the rule text into ruleTable and traces "[regscan] LoadParseRules
+    // Success" or "[regscan] LoadParseRules Fail,%d". Always true: a bad rule
+    // text leaves the engine running with whatever rules were valid.
+    static bool LoadParseRules(RuleTable& ruleTable, const std::string& ruleText) noexcept;
+
+    // Checks the record against the rule, dispatches to its analyzer and puts
+    // the upper-cased paths found into resultSet. Returns the analyzer codes
+    // above (3 for a rejected record or a path mismatch).
+    uint32_t AnalyzItem(ANALYZE_ITEM* pAnalizy, std::set<std::wstring>& resultSet,
+                        const RegRule& rule) noexcept;
+
+    bool RegPathMatch(const ANALYZE_ITEM* pAnalizy, const RegRule& rule);
+    bool TestRegKeyPathName(const ANALYZE_ITEM* pAnalizy, uint32_t hKey, const std::wstring& pattern,
+                            const wchar_t* valueName);
+    bool TestShortRegKeyPathName(const ANALYZE_ITEM* pAnalizy, uint32_t hKey,
+                                 const std::wstring& pattern, size_t levels,
+                                 const wchar_t* valueName);
+
+    uint32_t HandOutRegParse(const ANALYZE_ITEM* pAnalizy, const RegRule& rule);
+
+    // Resolves a command line into files and pushes one entry per file (1
+    // success, 0 failure). Takes ownership of `entry`.
+    uint32_t ParseFillNotify(const std::wstring& commandLine, ResultEntryPtr entry,
+                             bool freeWhenEmpty, const wchar_t* overridePath, bool scriptStep);
+
+    // Shared result steps.
+    ResultEntryPtr CreateEntry(uint32_t dsid);
+    uint32_t FillServerEntries(ResultEntryPtr entry, const CEasyClsid& lookup);
+    int ExpandShortName(ResultEntry* entry);
+    int PushNotifyEntry(ResultEntryPtr entry);
+
+    // Value-as-file-path analyzers.
+    uint32_t AnalyzRegvalueAsFilePath(const ANALYZE_ITEM* pAnalizy);                 // 5
+    uint32_t AnalyzRegvalueNameAsFilePath(const ANALYZE_ITEM* pAnalizy);             // 20
+    uint32_t AnalyzRegvalueSpliteAsFilePathByVLine(const ANALYZE_ITEM* pAnalizy);    // 19
+    uint32_t AnalyzMulitRegValueAsFilePath(const ANALYZE_ITEM* pAnalizy);            // 14
+    uint32_t AnalyzRegvalueSpliteAsFilePathByCharset(const ANALYZE_ITEM* pAnalizy,
+                                                     const std::wstring& lpsplit);  // 1
+    // Analyzers of the other FunctionIDs.
+    uint32_t AnalyzInsatlledComponents(const ANALYZE_ITEM* pAnalizy, const std::wstring& param);  // 2
+    uint32_t AnalyzSystemScripts(const ANALYZE_ITEM* pAnalizy, const std::wstring& param);        // 3
+    uint32_t AnalyzRegValueAsCLSID(const ANALYZE_ITEM* pAnalizy);                 // 4
+    uint32_t AnalyzLinkFiles(const ANALYZE_ITEM* pAnalizy);                       // 6
+    uint32_t AnalyzValueNameAsCLSID(const ANALYZE_ITEM* pAnalizy);                // 7
+    uint32_t AnalyzKeyOrDefValueAsCLSID(const ANALYZE_ITEM* pAnalizy);            // 8
+    uint32_t AnalyzKeyOrDefValueAsCLSIDJudgeWow64(const ANALYZE_ITEM* pAnalizy);  // 9
+    uint32_t AnalyzSubKeyAsCLSID(const ANALYZE_ITEM* pAnalizy);                   // 10
+    uint32_t AnalyzSubKeyAsCLSIDJudgeWow64(const ANALYZE_ITEM* pAnalizy);         // 11
+    uint32_t AnalyzServece(const ANALYZE_ITEM* pAnalizy);                         // 12
+    uint32_t AnalyzBootExecute(const ANALYZE_ITEM* pAnalizy);                     // 13
+    uint32_t AnalyzFileLink(const ANALYZE_ITEM* pAnalizy);                        // 15
+    uint32_t AnalyzDiskAutorun(const ANALYZE_ITEM* pAnalizy);                     // 16
+    uint32_t AnalyzIEMenuExt(const ANALYZE_ITEM* pAnalizy);                       // 17
+    uint32_t AnalyzFileAssociation(const ANALYZE_ITEM* pAnalizy);                 // 18
+    uint32_t AnalyzKnownDlls(const ANALYZE_ITEM* pAnalizy);                       // 21
+    uint32_t AnalyzIEExtensions(const ANALYZE_ITEM* pAnalizy);                    // 22
+
+    // The registry access flags of the record's view: nothing on a 32-bit
+    // system; on a 64-bit one the 64-bit view flag when bNativeView is set,
+    // plus the high bit when bWow64Expand is set.
+    REGSAM RecordViewAccess() const noexcept;
+
+    const std::list<NotifyEntry>& Results() const noexcept { return m_results; }
+    const wchar_t* Sid() const noexcept { return m_szSid; }
+
+    BOOL bNativeView = 1;
+    BOOL bWow64Parse = 2;
+    BOOL bWow64Expand = 0;
+    bool m_bKeepDirectories = false;  // keep results that name a directory
+    bool m_bReportAll = false;        // report every piece, not only new ones
+    bool m_bReportExisting = false;   // boot-execute: report entries already present
+
+protected:
+    void ReleaseUserContext() noexcept;
+
+    BOOL m_bInit = FALSE;
+    uint32_t m_nEntryCounter = 1;
+    std::list<NotifyEntry> m_results;
+    const ANALYZE_ITEM* m_pCurrent = nullptr;  // the record being analysed
+
+    // The acting process's context, owned until AnalyzItem releases it (or
+    // this object's destructor, on the paths that return early).
+    unique_handle m_hProcess;
+    unique_handle m_hToken;
+    std::vector<BYTE> m_tokenUser;
+    wchar_t m_szSid[MAX_PATH] = {0};
+
+    CParseComandLine m_parser;
+};
+
+// The wide text held in a record's data field (at most 512 characters; the
+// field's last four bytes are zero once AnalyzItem has prepared the record).
+std::wstring RecordDataText(const ANALYZE_ITEM* pAnalizy);
+
+}  // namespace kw

@@ -1,0 +1,83 @@
+// The result steps every analyzer shares: creating an entry, fanning out the
+// servers of a CLSID, the long-name repair and the filtered push onto the
+// result list.
+#include "analyze/analizy_operate.h"
+
+#include "common/strutil.h"
+#include "registry/easy_clsid.h"
+#include "resolve/wow64.h"
+
+#include <shlwapi.h>
+
+#include <new>
+
+namespace kw {
+
+ResultEntryPtr CAnalizyOperate::CreateEntry(uint32_t dsid) {
+    ResultEntryPtr entry(new (std::nothrow) ResultEntry());
+    if (!entry) return entry;
+    entry->seq = m_nEntryCounter++;
+    entry->dsid = dsid;
+    return entry;
+}
+
+uint32_t CAnalizyOperate::FillServerEntries(ResultEntryPtr entry, const CEasyClsid& lookup) {
+    const auto& servers = lookup.Servers();
+    if (!entry || servers.empty()) return 0;
+    if (servers.size() == 1)
+        return ParseFillNotify(servers.front().path, std::move(entry), false, nullptr, false);
+
+    const ResultEntry templ = *entry;
+    uint32_t ret = 0;
+    bool first = true;
+    for (const ClsidServer& server : servers) {
+        ResultEntryPtr e;
+        if (first) {
+            e = std::move(entry);
+            first = false;
+        } else {
+            e.reset(new (std::nothrow) ResultEntry(templ));
+            if (!e) return 0;
+            e->seq = m_nEntryCounter++;
+        }
+        ret = ParseFillNotify(server.path, std::move(e), false, nullptr, false);
+        if (ret == 0) break;
+    }
+    return ret;
+}
+
+int CAnalizyOperate::ExpandShortName(ResultEntry* entry) {
+    if (!entry || entry->filePath.find(L'~') == std::wstring::npos) return 1;
+    wchar_t longPath[512];
+    // GetLongPathNameW returns the length without the terminator when it
+    // fits, and the size needed (larger than the buffer) when it does not.
+    DWORD n = GetLongPathNameW(entry->filePath.c_str(), longPath, 512);
+    if (n > 0 && n < 512) entry->filePath.assign(longPath, n);
+    return 1;
+}
+
+int CAnalizyOperate::PushNotifyEntry(ResultEntryPtr entry) {
+    if (!entry) return 1;
+    if (!m_bKeepDirectories && !entry->filePath.empty() &&
+        PathIsDirectoryW(entry->filePath.c_str()))
+        return 1;
+    if (GetWow64Helper()->m_bIsWow64 && !entry->filePath.empty()) {
+        wchar_t sysnative[MAX_PATH] = {0};
+        if (GetSystemWindowsDirectoryW(sysnative, MAX_PATH) &&
+            PathAppendW(sysnative, L"sysnative\\") && StartsWithNoCase(entry->filePath, sysnative))
+            return 1;
+    }
+    NotifyEntry n;
+    n.seq = entry->seq;
+    n.dsid = entry->dsid;
+    n.hRootkey = entry->hRootkey;
+    n.filePath = std::move(entry->filePath);
+    n.subKey = std::move(entry->subKey);
+    n.valueName = std::move(entry->valueName);
+    n.valueData = std::move(entry->valueData);
+    n.sourcePath = std::move(entry->sourcePath);
+    m_results.push_back(std::move(n));
+    return 1;
+}
+
+}  // namespace kw

@@ -1,0 +1,72 @@
+#include "analyze/reg_path_match.h"
+
+#include <gtest/gtest.h>
+
+using namespace kw;
+
+struct MatchRow {
+    const char* name;
+    const wchar_t* text;
+    const wchar_t* pattern;
+    bool expected;
+};
+
+TEST(MatchRegPathPattern, Table) {
+    const MatchRow rows[] = {
+        {"no wildcard: never compared", L"System\\Other", L"Software\\Run", true},
+        {"empty pattern", L"anything", L"", true},
+        {"wildcard key then tail", L"software\\classes\\txtfile\\shellex\\ContextMenuHandlers",
+         L"SOFTWARE\\Classes\\*\\shellex", true},
+        {"wildcard key, other tail", L"software\\classes\\txtfile\\other", L"SOFTWARE\\Classes\\*\\shellex", false},
+        {"text ends inside the wildcard key: tail not compared", L"software\\classes\\txtfile",
+         L"SOFTWARE\\Classes\\*\\shellex", true},
+        {"head differs", L"software\\other\\txtfile\\shellex", L"SOFTWARE\\Classes\\*\\shellex", false},
+        {"text shorter than the head", L"soft", L"SOFTWARE\\Classes\\*", false},
+        {"star inside a name covers its rest", L"SYSTEM\\ControlSet001\\Services\\x",
+         L"SYSTEM\\Control*\\Services", true},
+        {"trailing star", L"SYSTEM\\ControlSet001\\Services\\Beep", L"SYSTEM\\ControlSet001\\Services\\*", true},
+        {"trailing star: the key itself lacks the separator", L"SYSTEM\\ControlSet001\\Services", L"SYSTEM\\ControlSet001\\Services\\*", false},
+        {"leading star (any user hive)", L"S-1-5-21-1\\Software\\Microsoft\\Windows\\CurrentVersion\\Run",
+         L"*\\Software\\Microsoft\\Windows\\CurrentVersion\\Run", true},
+        {"leading star, wrong tail", L"S-1-5-21-1\\Software\\Other", L"*\\Software\\Microsoft", false},
+        {"two stars", L"a\\b\\c\\d", L"A\\*\\C\\*", true},
+        {"text ends while a second star remains", L"a\\b", L"A\\*\\C\\*\\D", false},
+        {"deeper keys below the tail match too", L"a\\x\\tail\\deeper\\more", L"A\\*\\TAIL", true},
+        {"case of both sides ignored", L"SoFtWaRe\\CLASSES\\x\\SHELLEX", L"software\\classes\\*\\shellex", true},
+    };
+    for (const auto& r : rows) {
+        SCOPED_TRACE(r.name);
+        EXPECT_EQ(r.expected, MatchRegPathPattern(r.text, r.pattern));
+    }
+}
+
+struct LevelRow {
+    const char* name;
+    const wchar_t* text;
+    size_t expected;
+};
+
+TEST(CountPathLevel, Table) {
+    const LevelRow rows[] = {
+        {"two names", L"a\\b", 2},
+        {"leading, doubled and trailing separators", L"\\a\\\\b\\", 2},
+        {"lone backslash", L"\\", 0},
+        {"empty", L"", 0},
+        {"one name", L"abc", 1},
+    };
+    for (const auto& r : rows) {
+        SCOPED_TRACE(r.name);
+        EXPECT_EQ(r.expected, CountPathLevel(r.text));
+    }
+    EXPECT_EQ(0u, CountPathLevel(nullptr));
+}
+
+TEST(FindPatternEnd, EndAndWrapAround) {
+    const std::wstring pattern = L"SOFTWARE\\Classes\\*\\shellex";
+    EXPECT_EQ(32u, FindPatternEnd(L"software\\classes\\txtfile\\shellex", pattern, true));
+    EXPECT_EQ(32u, FindPatternEnd(L"software\\classes\\txtfile\\shellex\\x", pattern, true));
+    // Refused without skipMatch when the text does not match.
+    EXPECT_EQ(kNoPos, FindPatternEnd(L"software\\classes\\txtfile\\other", pattern, false));
+    // A tail that is not found: npos + its length, wrapped (deliberately kept).
+    EXPECT_EQ(kNoPos + 8, FindPatternEnd(L"software\\classes\\txtfile\\other", pattern, true));
+}

@@ -1,0 +1,49 @@
+#include "e2e_support.h"
+
+#include <gtest/gtest.h>
+
+#include <memory>
+
+namespace e2e {
+
+const char* const kRules = R"({"RegParseConfig":[
+ {"ParseID":5,"FunctionID":5,"CheckID":1,"RegRootkey":2147483650,"RegSubkey":"SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\Run"},
+ {"ParseID":6,"FunctionID":5,"CheckID":0},
+ {"ParseID":7,"FunctionID":5,"CheckID":2,"RegRootkey":2147483651,"RegSubkey":"*\\Software\\kwtest\\*\\Run"},
+ {"ParseID":20,"FunctionID":20,"CheckID":0},
+ {"ParseID":19,"FunctionID":19,"CheckID":0},
+ {"ParseID":14,"FunctionID":14,"CheckID":0},
+ {"ParseID":1,"FunctionID":1,"CheckID":0,"Parameter1":","},
+ {"ParseID":2,"FunctionID":1,"CheckID":1,"RegRootkey":2147483650,"RegSubkey":"SOFTWARE\\Microsoft\\Windows NT\\CurrentVersion\\Winlogon","RegValueName":"Userinit","Parameter1":","},
+ {"ParseID":76,"FunctionID":5,"CheckID":0},
+ {"ParseID":23,"FunctionID":5,"CheckID":1,"RegRootkey":2147483650,"RegSubkey":"SOFTWARE\\X","RegValueName":"wanted"},
+ {"ParseID":30,"FunctionID":12,"CheckID":0}
+]})";
+
+hostsim::PluginHost& Host() {
+    static std::unique_ptr<hostsim::PluginHost> host;
+    if (!host) {
+        host.reset(new hostsim::PluginHost());
+        EXPECT_TRUE(host->Load());
+        EXPECT_TRUE(host->Create());
+        EXPECT_TRUE(host->Init(kRules));
+    }
+    return *host;
+}
+
+std::vector<std::wstring> Post(hostsim::Event& ev, uint32_t parseId, uint32_t mode) {
+    return Host().PostRegistry(ev, (mode << 16) | parseId);
+}
+
+std::vector<std::wstring> PostSz(const std::wstring& keyPath, const std::wstring& valueName,
+                                 const std::wstring& data, uint32_t parseId, uint32_t type) {
+    std::unique_ptr<hostsim::Event> ev(hostsim::Event::RegistrySz(keyPath, valueName, data, type));
+    return Post(*ev, parseId);
+}
+
+std::vector<std::wstring> Upper(std::vector<std::wstring> v) {
+    for (auto& s : v) s = kwtest::Upper(s);
+    return v;
+}
+
+}  // namespace e2e

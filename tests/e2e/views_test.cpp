@@ -1,0 +1,53 @@
+// A 32-bit plug-in on 64-bit Windows: a Wow6432Node Run key resolves its
+// command in the 32-bit file-system view, a native Run key in the 64-bit one.
+#include "e2e_support.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+// A file that exists only in one of the two system folders, removed afterwards.
+struct SystemFile {
+    SystemFile(const std::wstring& folder, const std::wstring& name) {
+        path = kwtest::WindowsDir() + L"\\" + folder + L"\\" + name;
+        kwtest::MakeFile(path);
+    }
+    ~SystemFile() { DeleteFileW(path.c_str()); }
+    std::wstring path;
+};
+
+std::wstring Unique(const wchar_t* stem) {
+    return std::wstring(stem) + std::to_wstring(GetCurrentProcessId()) + L".exe";
+}
+
+}  // namespace
+
+struct ViewRow {
+    const char* name;
+    const wchar_t* runKey;
+    const wchar_t* folderOfFile;   // where the file really is (through Sysnative for the 64-bit one)
+    const wchar_t* reportedFolder; // the folder of the target, or null when not found
+};
+
+TEST(Views, RunKeyResolvesInItsOwnView) {
+    const wchar_t* native = L"HKEY_LOCAL_MACHINE\\SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\Run";
+    const wchar_t* wow = L"HKEY_LOCAL_MACHINE\\SOFTWARE\\Wow6432Node\\Microsoft\\Windows\\CurrentVersion\\Run";
+    const ViewRow rows[] = {
+        {"32-bit-only file, Wow6432Node key", wow, L"SysWOW64", L"SYSWOW64"},
+        {"32-bit-only file, native key", native, L"SysWOW64", nullptr},
+        {"64-bit-only file, native key", native, L"Sysnative", L"SYSTEM32"},
+        {"64-bit-only file, Wow6432Node key", wow, L"Sysnative", nullptr},
+    };
+    for (const auto& r : rows) {
+        SCOPED_TRACE(r.name);
+        std::wstring name = Unique(L"kwview");
+        SystemFile file(r.folderOfFile, name);
+        auto targets = e2e::PostSz(r.runKey, L"View", name, 6);
+        ASSERT_EQ(1u, targets.size());
+        if (r.reportedFolder)
+            EXPECT_EQ(kwtest::Upper(kwtest::WindowsDir()) + L"\\" + r.reportedFolder + L"\\" + kwtest::Upper(name),
+                      targets[0]);
+        else
+            EXPECT_EQ(kwtest::Upper(name), targets[0]) << "not found in this view: reported as written";
+    }
+}
