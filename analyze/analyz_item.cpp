@@ -168,67 +168,68 @@ bool CAnalizyOperate::RegPathMatch(const ANALYZE_ITEM* pAnalizy, const RegRule& 
     }
 }
 
-bool CAnalizyOperate::TestRegKeyPathName(const ANALYZE_ITEM* pAnalizy, uint32_t hKey,
-                                         const std::wstring& pattern, const wchar_t* valueName) {
+namespace {
+
+// The record, root-key and pattern checks both key-path tests begin with.
+// `name` prefixes each failure line ("TestRegKeyPathName pAnalizy null.").
+bool CheckRecordKey(const ANALYZE_ITEM* pAnalizy, uint32_t hKey, const std::wstring& pattern,
+                    const char* function, const char* name, std::wstring* subkey) {
     if (!pAnalizy) {
-        KW_ERROR("CAnalizyOperate::TestRegKeyPathName", "TestRegKeyPathName pAnalizy null.");
+        KW_ERROR(function, "%s pAnalizy null.", name);
         return false;
     }
     if (pAnalizy->hRootkey != hKey) {
-        KW_ERROR("CAnalizyOperate::TestRegKeyPathName", "TestRegKeyPathName pAnalizy hRootkey not hKey.");
+        KW_ERROR(function, "%s pAnalizy hRootkey not hKey.", name);
         return false;
     }
-    const std::wstring subkey(pAnalizy->szSubkey, LenBounded(pAnalizy->szSubkey, kSubkeyChars));
-    if (!MatchRegPathPattern(subkey, pattern)) {
-        KW_ERROR("CAnalizyOperate::TestRegKeyPathName", "TestRegKeyPathName pAnalizy szSubkey not invalid.");
-        return false;
-    }
-    if (valueName &&
-        !EqualsNoCase(valueName, std::wstring(pAnalizy->szValuename,
-                                              LenBounded(pAnalizy->szValuename, kValueNameChars)))) {
-        // The message reports a mismatch; its wording is kept as log readers know it.
-        KW_ERROR("CAnalizyOperate::TestRegKeyPathName", "TestRegKeyPathName szValuename null.");
+    subkey->assign(pAnalizy->szSubkey, LenBounded(pAnalizy->szSubkey, kSubkeyChars));
+    if (!MatchRegPathPattern(*subkey, pattern)) {
+        KW_ERROR(function, "%s pAnalizy szSubkey not invalid.", name);
         return false;
     }
     return true;
 }
 
+// The value-name check both tests end with (no name given: always true). The
+// line reports a mismatch; its wording is kept as log readers know it.
+bool CheckValueName(const ANALYZE_ITEM* pAnalizy, const wchar_t* valueName, const char* function,
+                    const char* name) {
+    if (valueName &&
+        !EqualsNoCase(valueName, std::wstring(pAnalizy->szValuename,
+                                              LenBounded(pAnalizy->szValuename, kValueNameChars)))) {
+        KW_ERROR(function, "%s szValuename null.", name);
+        return false;
+    }
+    return true;
+}
+
+}  // namespace
+
+bool CAnalizyOperate::TestRegKeyPathName(const ANALYZE_ITEM* pAnalizy, uint32_t hKey,
+                                         const std::wstring& pattern, const wchar_t* valueName) {
+    static const char kFunction[] = "CAnalizyOperate::TestRegKeyPathName";
+    std::wstring subkey;
+    return CheckRecordKey(pAnalizy, hKey, pattern, kFunction, "TestRegKeyPathName", &subkey) &&
+           CheckValueName(pAnalizy, valueName, kFunction, "TestRegKeyPathName");
+}
+
 bool CAnalizyOperate::TestShortRegKeyPathName(const ANALYZE_ITEM* pAnalizy, uint32_t hKey,
                                               const std::wstring& pattern, size_t levels,
                                               const wchar_t* valueName) {
-    if (!pAnalizy) {
-        KW_ERROR("CAnalizyOperate::TestShortRegKeyPathName", "TestShortRegKeyPathName pAnalizy null.");
-        return false;
-    }
-    if (pAnalizy->hRootkey != hKey) {
-        KW_ERROR("CAnalizyOperate::TestShortRegKeyPathName",
-                 "TestShortRegKeyPathName pAnalizy hRootkey not hKey.");
-        return false;
-    }
-    const std::wstring subkey(pAnalizy->szSubkey, LenBounded(pAnalizy->szSubkey, kSubkeyChars));
-    if (!MatchRegPathPattern(subkey, pattern)) {
-        KW_ERROR("CAnalizyOperate::TestShortRegKeyPathName",
-                 "TestShortRegKeyPathName pAnalizy szSubkey not invalid.");
-        return false;
-    }
+    static const char kFunction[] = "CAnalizyOperate::TestShortRegKeyPathName";
+    std::wstring subkey;
+    if (!CheckRecordKey(pAnalizy, hKey, pattern, kFunction, "TestShortRegKeyPathName", &subkey)) return false;
     if (levels > 0) {
         size_t end = FindPatternEnd(subkey, pattern, true);
         // A wrapped end position is counted from where it points within the
         // sub-key; one past the text counts no levels.
         const wchar_t* rest = end < subkey.size() ? subkey.c_str() + end : L"";
         if (CountPathLevel(rest) < levels) {
-            KW_ERROR("CAnalizyOperate::TestShortRegKeyPathName",
-                     "TestShortRegKeyPathName CountPathLevel < 1.");
+            KW_ERROR(kFunction, "TestShortRegKeyPathName CountPathLevel < 1.");
             return false;
         }
     }
-    if (valueName &&
-        !EqualsNoCase(valueName, std::wstring(pAnalizy->szValuename,
-                                              LenBounded(pAnalizy->szValuename, kValueNameChars)))) {
-        KW_ERROR("CAnalizyOperate::TestShortRegKeyPathName", "TestShortRegKeyPathName szValuename null.");
-        return false;
-    }
-    return true;
+    return CheckValueName(pAnalizy, valueName, kFunction, "TestShortRegKeyPathName");
 }
 
 }  // namespace kw

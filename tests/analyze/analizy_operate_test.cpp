@@ -237,3 +237,47 @@ TEST_F(AnalyzItemTest, PushDropsDirectoriesAndSysnativePaths) {
     EXPECT_EQ(1u, op.Results().size());
     EXPECT_EQ(1, op.PushNotifyEntry(nullptr));
 }
+
+struct KeyTestRow {
+    const char* name;
+    bool useShort;
+    uint32_t root;
+    const wchar_t* pattern;
+    const wchar_t* valueName;
+    const wchar_t* line;  // the whole error line, or null for a match
+};
+
+TEST_F(AnalyzItemTest, KeyPathTestLines) {
+    const KeyTestRow rows[] = {
+        {"root differs", false, KW_HKEY_USERS, L"SOFTWARE\\*", nullptr,
+         L"[kwRegAnalyze][ERROR][CAnalizyOperate::TestRegKeyPathName] TestRegKeyPathName pAnalizy hRootkey not hKey."},
+        {"pattern differs", false, KW_HKEY_LOCAL_MACHINE, L"SYSTEM\\*", nullptr,
+         L"[kwRegAnalyze][ERROR][CAnalizyOperate::TestRegKeyPathName] TestRegKeyPathName pAnalizy szSubkey not invalid."},
+        {"value name differs", false, KW_HKEY_LOCAL_MACHINE, L"SOFTWARE\\*", L"other",
+         L"[kwRegAnalyze][ERROR][CAnalizyOperate::TestRegKeyPathName] TestRegKeyPathName szValuename null."},
+        {"match", false, KW_HKEY_LOCAL_MACHINE, L"SOFTWARE\\*", L"V", nullptr},
+        {"short: root differs", true, KW_HKEY_USERS, L"SOFTWARE\\*", nullptr,
+         L"[kwRegAnalyze][ERROR][CAnalizyOperate::TestShortRegKeyPathName] TestShortRegKeyPathName pAnalizy hRootkey not hKey."},
+        {"short: pattern differs", true, KW_HKEY_LOCAL_MACHINE, L"SYSTEM\\*", nullptr,
+         L"[kwRegAnalyze][ERROR][CAnalizyOperate::TestShortRegKeyPathName] TestShortRegKeyPathName pAnalizy szSubkey not invalid."},
+        {"short: value name differs", true, KW_HKEY_LOCAL_MACHINE, L"SOFTWARE", L"other",
+         L"[kwRegAnalyze][ERROR][CAnalizyOperate::TestShortRegKeyPathName] TestShortRegKeyPathName szValuename null."},
+        {"short: match one level below", true, KW_HKEY_LOCAL_MACHINE, L"SOFTWARE\\*", L"v", nullptr},
+    };
+    for (const auto& r : rows) {
+        SCOPED_TRACE(r.name);
+        sink.Clear();
+        CAnalizyOperate op;
+        auto item = MakeItem(9, 16, L"SOFTWARE\\x\\y", L"v", L"a");
+        bool ok = r.useShort ? op.TestShortRegKeyPathName(item.get(), r.root, r.pattern, 1, r.valueName)
+                             : op.TestRegKeyPathName(item.get(), r.root, r.pattern, r.valueName);
+        EXPECT_EQ(r.line == nullptr, ok);
+        auto lines = sink.Lines();
+        if (r.line) {
+            ASSERT_EQ(1u, lines.size());
+            EXPECT_EQ(std::wstring(r.line), lines[0].text);
+        } else {
+            EXPECT_TRUE(lines.empty());
+        }
+    }
+}
