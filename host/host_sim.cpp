@@ -53,6 +53,8 @@ void RuleEngine::SetThreadTarget(ITarget* target) { t_target = target; }
 ITarget* RuleEngine::GetTarget() { return t_target; }
 
 void RuleEngine::WriteLog(const wchar_t* line, int level) {
+    ++m_counted;
+    if (!m_recording) return;
     std::lock_guard<std::mutex> g(m_mu);
     m_lines.push_back(TraceLine{line ? line : L"<null>", level});
 }

@@ -151,6 +151,9 @@ public:
     void ClearLines();
     // True when some recorded line contains the text.
     bool HasLine(const std::wstring& fragment) const;
+    // Off: lines are only counted, not kept (for long benchmark runs).
+    void SetRecording(bool on) { m_recording = on; }
+    size_t Counted() const { return m_counted.load(); }
     int ReservedCalls() const { return m_reservedCalls; }
 
 private:
@@ -158,6 +161,8 @@ private:
     mutable std::mutex m_mu;
     std::vector<TraceLine> m_lines;
     std::atomic<int> m_reservedCalls{0};
+    std::atomic<bool> m_recording{true};
+    std::atomic<size_t> m_counted{0};
 };
 
 // A host event around one driver event (slot 5).
