@@ -12,6 +12,8 @@
 #include "resolve/script_host_rule_parser.h"
 #include "resolve/wow64.h"
 
+#include <shlwapi.h>
+
 #include <shellapi.h>
 
 #include <algorithm>
@@ -236,6 +238,10 @@ int CParseComandLine::MyParse(const wchar_t* app, const std::wstring& commandLin
     const size_t n = text.size();
     size_t i = 0;
     bool afterSemicolon = false;
+    // rundll32 takes "library,EntryPoint": the word right after the comma names
+    // a function in the library, never a file, so it is not searched for.
+    bool rundllLine = false;
+    bool entryPointNext = false;
     while (i < n) {
         const wchar_t ch = text[i];
         if (IsSeparator(ch)) {
@@ -245,6 +251,8 @@ int CParseComandLine::MyParse(const wchar_t* app, const std::wstring& commandLin
         }
         const bool semicolonBefore = afterSemicolon;
         afterSemicolon = false;
+        const bool entryPoint = entryPointNext;
+        entryPointNext = false;
 
         if (ch == L'"') {
             const size_t close = text.find(L'"', i + 1);
@@ -302,7 +310,13 @@ int CParseComandLine::MyParse(const wchar_t* app, const std::wstring& commandLin
 
         const size_t j = wordEnd(i);
         const std::wstring token = text.substr(i, j - i);
+        if (entryPoint && token.find_first_of(L"\\:.") == std::wstring::npos) {
+            i = j;
+            continue;
+        }
         const bool ok = MySearchPath(token, files, 0);
+        if (ok && EqualsNoCase(PathFindFileNameW(m_lastFound.c_str()), L"rundll32.exe")) rundllLine = true;
+        if (ok && rundllLine && j < n && text[j] == L',') entryPointNext = true;
         if (semicolonBefore)
             KW_INFO(kMyParseFn, "MySearchPath after semicolon exist=%d, File=%ls", ok ? 1 : 0,
                     (ok ? m_lastFound : token).c_str());

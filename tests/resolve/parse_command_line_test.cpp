@@ -128,7 +128,7 @@ struct World {
         PF86 = (pf86.empty() ? EnvVar(L"ProgramFiles") : pf86) + L"\\kwtest-" + u;
         trees = {PF, PF86};
 
-        for (const wchar_t* f : {L"tools\\cfg.exe", L"tools\\run.exe", L"x.cpl", L"a.dll", L"b.dll",
+        for (const wchar_t* f : {L"tools\\cfg.exe", L"tools\\run.exe", L"x.cpl", L"a.dll", L"b.dll", L"Begin.exe",
                                  L"srv.dll", L"srv32.dll", L"apppath\\kwapp.exe",
                                  L"Some Dir\\prog.exe", L"Long File Name Test.exe", L"semi;colon.exe",
                                  L"order\\pick.bat", L"order\\pick.exe"})
@@ -283,6 +283,10 @@ const Row kResolution[] = {
      {L"{SYS}\\rundll32.exe", L"{SYS}\\shell32.dll"}, false},
     {"rundll32 with a library path", L"rundll32.exe {T}\\a.dll,Start", 0, L"",
      {L"{SYS}\\rundll32.exe", L"{T}\\a.dll"}, {L"{SYS}\\rundll32.exe"}, false},
+    {"rundll32 entry point is a function, not a file of that name", L"rundll32.exe a.dll,Begin x.cpl", 0, L"{T}",
+     {L"{SYS}\\rundll32.exe", L"{T}\\a.dll", L"{T}\\x.cpl"}, {L"{SYS}\\rundll32.exe"}, false},
+    {"a second library after a comma outside rundll32 is a file", L"{T}\\a.dll,Begin", 0, L"{T}",
+     {L"{T}\\a.dll", L"{T}\\Begin.exe"}, {}, false},
     {"service host with its group", L"%SystemRoot%\\system32\\svchost.exe -k netsvcs", 0, L"",
      {L"{WIN}\\system32\\svchost.exe"}, {L"{SYS}\\svchost.exe"}, false},
     {"service host with its group, 32-bit view", L"%SystemRoot%\\system32\\svchost.exe -k netsvcs", 1, L"",
