@@ -2,10 +2,11 @@
 // name) as a command line or file path: FunctionIDs 5, 20, 19, 14 and 1.
 #include "analyze/analizy_operate.h"
 
-#include "analyze/previous_value.h"
 #include "common/strutil.h"
 #include "diag/trace.h"
+#include "registry/reg_util.h"
 #include "resolve/expand_path.h"
+#include "resolve/parse_text.h"
 
 namespace kw {
 
@@ -66,7 +67,7 @@ uint32_t CAnalizyOperate::AnalyzRegvalueSpliteAsFilePathByVLine(const ANALYZE_IT
     KW_INFO("CAnalizyOperate::AnalyzRegvalueSpliteAsFilePathByVLine",
             "Start AnalyzRegvalueSpliteAsFilePathByVLine FunctionID=19");
     if (!IsValueWrite(pAnalizy)) return ANALYZ_NOT_HANDLED;
-    for (const std::wstring& piece : SplitAtAny(RecordDataText(pAnalizy), L"|"))
+    for (const std::wstring& piece : SplitAny(RecordDataText(pAnalizy), L"|"))
         KW_REPORT_PIECE(piece, true);
     return ANALYZ_OK;
 }
@@ -77,8 +78,9 @@ uint32_t CAnalizyOperate::AnalyzMulitRegValueAsFilePath(const ANALYZE_ITEM* pAna
 
     std::wstring oldRaw;
     DWORD oldType = REG_NONE;
-    ReadValueText(RootKeyHandle(pAnalizy->hRootkey), pAnalizy->szSubkey, pAnalizy->szValuename,
-                  RecordViewAccess(), &oldType, oldRaw, 32768);
+    RegReadRawText(RootKeyHandle(pAnalizy->hRootkey), pAnalizy->szSubkey, pAnalizy->szValuename,
+                   RecordViewAccess(), &oldType, oldRaw);
+    if (oldRaw.size() > 32768) oldRaw.resize(32768);
     const std::vector<std::wstring> before = SplitMultiString(oldRaw);
 
     uint32_t cb = pAnalizy->dwDataSize > kDataBytes ? kDataBytes : pAnalizy->dwDataSize;
@@ -101,8 +103,9 @@ uint32_t CAnalizyOperate::AnalyzRegvalueSpliteAsFilePathByCharset(const ANALYZE_
     // the way the record's new data was, so both sides compare alike.
     std::wstring oldData;
     DWORD oldType = REG_NONE;
-    if (ReadValueText(RootKeyHandle(pAnalizy->hRootkey), pAnalizy->szSubkey, pAnalizy->szValuename,
-                      RecordViewAccess(), &oldType, oldData, 520)) {
+    if (RegReadRawText(RootKeyHandle(pAnalizy->hRootkey), pAnalizy->szSubkey, pAnalizy->szValuename,
+                       RecordViewAccess(), &oldType, oldData)) {
+        if (oldData.size() > 520) oldData.resize(520);
         oldData.resize(LenBounded(oldData.c_str(), oldData.size()));
         if (oldType == REG_EXPAND_SZ && pAnalizy->dsid != 76 && pAnalizy->dsid != 77) {
             wchar_t buf[511] = {0};
@@ -121,8 +124,8 @@ uint32_t CAnalizyOperate::AnalyzRegvalueSpliteAsFilePathByCharset(const ANALYZE_
         ReplaceAll(oldData, L"*", L".");
         ReplaceAll(newData, L"*", L".");
     }
-    const std::vector<std::wstring> before = SplitAtAny(oldData, lpsplit);
-    for (const std::wstring& piece : SplitAtAny(newData, lpsplit)) {
+    const std::vector<std::wstring> before = SplitAny(oldData, lpsplit.c_str());
+    for (const std::wstring& piece : SplitAny(newData, lpsplit.c_str())) {
         if (!m_bReportAll && ContainsNoCase(before, piece)) continue;
         KW_REPORT_PIECE(piece, true);
     }

@@ -128,20 +128,41 @@ bool RegReadExpandedString(HKEY root, const wchar_t* subKey, const wchar_t* valu
     return true;
 }
 
-bool RegReadMultiString(HKEY root, const wchar_t* subKey, const wchar_t* valueName,
-                        REGSAM extraAccess, std::wstring& raw) {
-    raw.clear();
+bool RegReadRawText(HKEY root, const wchar_t* subKey, const wchar_t* valueName, REGSAM extraAccess,
+                    DWORD* type, std::wstring& text) {
+    text.clear();
+    if (type) *type = REG_NONE;
     unique_hkey key;
     if (OpenForRead(root, subKey, extraAccess, key) != ERROR_SUCCESS) return false;
-    DWORD type = 0;
+    DWORD t = 0;
     std::vector<BYTE> data;
-    if (ReadRawValue(key.get(), valueName, type, data) != ERROR_SUCCESS) return false;
-    if (type != REG_MULTI_SZ && type != REG_SZ && type != REG_EXPAND_SZ) return false;
+    if (ReadRawValue(key.get(), valueName, t, data) != ERROR_SUCCESS) return false;
+    text.assign(reinterpret_cast<const wchar_t*>(data.data()), CharCount(data));
+    if (type) *type = t;
+    return true;
+}
 
-    size_t cch = CharCount(data);
-    const wchar_t* p = reinterpret_cast<const wchar_t*>(data.data());
-    while (cch > 0 && p[cch - 1] == L'\0') --cch;
-    raw.assign(p, cch);
+std::vector<std::wstring> SplitMultiString(const std::wstring& raw) {
+    std::vector<std::wstring> out;
+    size_t start = 0;
+    while (start < raw.size()) {
+        size_t end = raw.find(L'\0', start);
+        if (end == std::wstring::npos) end = raw.size();
+        if (end > start) out.push_back(raw.substr(start, end - start));
+        start = end + 1;
+    }
+    return out;
+}
+
+bool RegReadMultiString(HKEY root, const wchar_t* subKey, const wchar_t* valueName,
+                        REGSAM extraAccess, std::wstring& raw) {
+    DWORD type = 0;
+    if (!RegReadRawText(root, subKey, valueName, extraAccess, &type, raw)) return false;
+    if (type != REG_MULTI_SZ && type != REG_SZ && type != REG_EXPAND_SZ) {
+        raw.clear();
+        return false;
+    }
+    while (!raw.empty() && raw.back() == L'\0') raw.pop_back();
     return true;
 }
 

@@ -12,6 +12,7 @@
 #include <windows.h>
 
 #include <string>
+#include <vector>
 
 namespace kw {
 
@@ -29,6 +30,16 @@ constexpr size_t kExpandedValueCch = 520;
 // value is the normal case for the callers).
 bool RegReadExpandedString(HKEY root, const wchar_t* subKey, const wchar_t* valueName,
                            REGSAM extraAccess, std::wstring& out);
+
+// Reads a value whole as characters, whatever its type: NULs are kept (a
+// multi-string stays whole) and an odd last byte is dropped. `type` receives
+// the value's type. False (text empty) when the key or value cannot be read.
+bool RegReadRawText(HKEY root, const wchar_t* subKey, const wchar_t* valueName, REGSAM extraAccess,
+                    DWORD* type, std::wstring& text);
+
+// The strings of a multi-string text: split at NULs, empty strings left out,
+// a missing final NUL tolerated.
+std::vector<std::wstring> SplitMultiString(const std::wstring& raw);
 
 // Reads a REG_MULTI_SZ value (REG_SZ and REG_EXPAND_SZ are accepted as one
 // string, never expanded) whole. `raw` receives the value's characters with
