@@ -66,7 +66,13 @@ public:
                                  const std::wstring& pattern, size_t levels,
                                  const wchar_t* valueName);
 
+    // Runs the analyzer of the rule's FunctionID through the analyzer table
+    // (analyze/analyzer_table.h): 2 outside 1..22, 1 when a required
+    // Parameter1 is empty, otherwise the analyzer's own code.
     uint32_t HandOutRegParse(const ANALYZE_ITEM* pAnalizy, const RegRule& rule);
+    // Writes the analyzer's start line and runs it (3 for an analyzer not yet
+    // built). Analyzers that hand a record on to another one call this.
+    uint32_t RunAnalyzer(int functionId, const ANALYZE_ITEM* pAnalizy, const std::wstring& param);
 
     // Resolves a command line into files and pushes one entry per file (1
     // success, 0 failure). Takes ownership of `entry`.
@@ -78,32 +84,37 @@ public:
     uint32_t FillServerEntries(ResultEntryPtr entry, const CEasyClsid& lookup);
     int ExpandShortName(ResultEntry* entry);
     int PushNotifyEntry(ResultEntryPtr entry);
+    // One entry for a piece of the record's data (root key, sub-key, value
+    // name and the piece set) handed to ParseFillNotify. False only when the
+    // entry cannot be allocated.
+    [[nodiscard]] bool ReportPiece(const ANALYZE_ITEM* pAnalizy, const std::wstring& piece, bool scriptStep);
 
-    // Value-as-file-path analyzers.
-    uint32_t AnalyzRegvalueAsFilePath(const ANALYZE_ITEM* pAnalizy);                 // 5
-    uint32_t AnalyzRegvalueNameAsFilePath(const ANALYZE_ITEM* pAnalizy);             // 20
-    uint32_t AnalyzRegvalueSpliteAsFilePathByVLine(const ANALYZE_ITEM* pAnalizy);    // 19
-    uint32_t AnalyzMulitRegValueAsFilePath(const ANALYZE_ITEM* pAnalizy);            // 14
-    uint32_t AnalyzRegvalueSpliteAsFilePathByCharset(const ANALYZE_ITEM* pAnalizy,
-                                                     const std::wstring& lpsplit);  // 1
-    // Analyzers of the other FunctionIDs.
-    uint32_t AnalyzInsatlledComponents(const ANALYZE_ITEM* pAnalizy, const std::wstring& param);  // 2
-    uint32_t AnalyzSystemScripts(const ANALYZE_ITEM* pAnalizy, const std::wstring& param);        // 3
-    uint32_t AnalyzRegValueAsCLSID(const ANALYZE_ITEM* pAnalizy);                 // 4
-    uint32_t AnalyzLinkFiles(const ANALYZE_ITEM* pAnalizy);                       // 6
-    uint32_t AnalyzValueNameAsCLSID(const ANALYZE_ITEM* pAnalizy);                // 7
-    uint32_t AnalyzKeyOrDefValueAsCLSID(const ANALYZE_ITEM* pAnalizy);            // 8
-    uint32_t AnalyzKeyOrDefValueAsCLSIDJudgeWow64(const ANALYZE_ITEM* pAnalizy);  // 9
-    uint32_t AnalyzSubKeyAsCLSID(const ANALYZE_ITEM* pAnalizy);                   // 10
-    uint32_t AnalyzSubKeyAsCLSIDJudgeWow64(const ANALYZE_ITEM* pAnalizy);         // 11
-    uint32_t AnalyzServece(const ANALYZE_ITEM* pAnalizy);                         // 12
-    uint32_t AnalyzBootExecute(const ANALYZE_ITEM* pAnalizy);                     // 13
-    uint32_t AnalyzFileLink(const ANALYZE_ITEM* pAnalizy);                        // 15
-    uint32_t AnalyzDiskAutorun(const ANALYZE_ITEM* pAnalizy);                     // 16
-    uint32_t AnalyzIEMenuExt(const ANALYZE_ITEM* pAnalizy);                       // 17
-    uint32_t AnalyzFileAssociation(const ANALYZE_ITEM* pAnalizy);                 // 18
-    uint32_t AnalyzKnownDlls(const ANALYZE_ITEM* pAnalizy);                       // 21
-    uint32_t AnalyzIEExtensions(const ANALYZE_ITEM* pAnalizy);                    // 22
+    // The analyzers, one per FunctionID, each in its own file under analyze/
+    // and reached through its row of the analyzer table. `param` is the
+    // rule's Parameter1 for the analyzers that need it, empty for the others.
+    // Each returns the result codes above.
+    uint32_t AnalyzRegvalueSpliteAsFilePathByCharset(const ANALYZE_ITEM* pAnalizy, const std::wstring& param);  // 1
+    uint32_t AnalyzInsatlledComponents(const ANALYZE_ITEM* pAnalizy, const std::wstring& param);   // 2
+    uint32_t AnalyzSystemScripts(const ANALYZE_ITEM* pAnalizy, const std::wstring& param);         // 3
+    uint32_t AnalyzRegValueAsCLSID(const ANALYZE_ITEM* pAnalizy, const std::wstring& param);       // 4
+    uint32_t AnalyzRegvalueAsFilePath(const ANALYZE_ITEM* pAnalizy, const std::wstring& param);    // 5
+    uint32_t AnalyzLinkFiles(const ANALYZE_ITEM* pAnalizy, const std::wstring& param);             // 6
+    uint32_t AnalyzValueNameAsCLSID(const ANALYZE_ITEM* pAnalizy, const std::wstring& param);      // 7
+    uint32_t AnalyzKeyOrDefValueAsCLSID(const ANALYZE_ITEM* pAnalizy, const std::wstring& param);  // 8
+    uint32_t AnalyzKeyOrDefValueAsCLSIDJudgeWow64(const ANALYZE_ITEM* pAnalizy, const std::wstring& param);  // 9
+    uint32_t AnalyzSubKeyAsCLSID(const ANALYZE_ITEM* pAnalizy, const std::wstring& param);         // 10
+    uint32_t AnalyzSubKeyAsCLSIDJudgeWow64(const ANALYZE_ITEM* pAnalizy, const std::wstring& param);  // 11
+    uint32_t AnalyzServece(const ANALYZE_ITEM* pAnalizy, const std::wstring& param);               // 12
+    uint32_t AnalyzBootExecute(const ANALYZE_ITEM* pAnalizy, const std::wstring& param);           // 13
+    uint32_t AnalyzMulitRegValueAsFilePath(const ANALYZE_ITEM* pAnalizy, const std::wstring& param);  // 14
+    uint32_t AnalyzFileLink(const ANALYZE_ITEM* pAnalizy, const std::wstring& param);              // 15
+    uint32_t AnalyzDiskAutorun(const ANALYZE_ITEM* pAnalizy, const std::wstring& param);           // 16
+    uint32_t AnalyzIEMenuExt(const ANALYZE_ITEM* pAnalizy, const std::wstring& param);             // 17
+    uint32_t AnalyzFileAssociation(const ANALYZE_ITEM* pAnalizy, const std::wstring& param);       // 18
+    uint32_t AnalyzRegvalueSpliteAsFilePathByVLine(const ANALYZE_ITEM* pAnalizy, const std::wstring& param);  // 19
+    uint32_t AnalyzRegvalueNameAsFilePath(const ANALYZE_ITEM* pAnalizy, const std::wstring& param);  // 20
+    uint32_t AnalyzKnownDlls(const ANALYZE_ITEM* pAnalizy, const std::wstring& param);             // 21
+    uint32_t AnalyzIEExtensions(const ANALYZE_ITEM* pAnalizy, const std::wstring& param);          // 22
 
     // The registry access flags of the record's view: nothing on a 32-bit
     // system; on a 64-bit one the 64-bit view flag when bNativeView is set,
@@ -141,5 +152,8 @@ protected:
 // The wide text held in a record's data field (at most 512 characters; the
 // field's last four bytes are zero once AnalyzItem has prepared the record).
 std::wstring RecordDataText(const ANALYZE_ITEM* pAnalizy);
+// The record's sub-key and value name, read within their fields.
+std::wstring RecordSubkey(const ANALYZE_ITEM* pAnalizy);
+std::wstring RecordValueName(const ANALYZE_ITEM* pAnalizy);
 
 }  // namespace kw

@@ -22,6 +22,14 @@ std::wstring RecordDataText(const ANALYZE_ITEM* pAnalizy) {
     return std::wstring(text, LenBounded(text, kDataBytes / sizeof(wchar_t)));
 }
 
+std::wstring RecordSubkey(const ANALYZE_ITEM* pAnalizy) {
+    return std::wstring(pAnalizy->szSubkey, LenBounded(pAnalizy->szSubkey, kSubkeyChars));
+}
+
+std::wstring RecordValueName(const ANALYZE_ITEM* pAnalizy) {
+    return std::wstring(pAnalizy->szValuename, LenBounded(pAnalizy->szValuename, kValueNameChars));
+}
+
 REGSAM CAnalizyOperate::RecordViewAccess() const noexcept {
     if (!GetWow64Helper()->m_bIsWow64) return 0;
     REGSAM sam = 0;

@@ -70,4 +70,8 @@ size_t CountPathLevel(const wchar_t* text) {
     return count;
 }
 
+bool IsDefaultValueName(const std::wstring& name) {
+    return name.empty() || EqualsNoCase(name, L"default_null");
+}
+
 }  // namespace kw

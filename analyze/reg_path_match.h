@@ -24,4 +24,8 @@ size_t FindPatternEnd(const std::wstring& text, const std::wstring& pattern, boo
 // The number of non-empty names in a '\'-separated text.
 size_t CountPathLevel(const wchar_t* text);
 
+// True for the name of a key's unnamed default value: the empty name, or
+// "default_null" (any case), which rules and records use to name it.
+bool IsDefaultValueName(const std::wstring& name);
+
 }  // namespace kw

@@ -46,6 +46,17 @@ uint32_t CAnalizyOperate::FillServerEntries(ResultEntryPtr entry, const CEasyCls
     return ret;
 }
 
+bool CAnalizyOperate::ReportPiece(const ANALYZE_ITEM* pAnalizy, const std::wstring& piece, bool scriptStep) {
+    ResultEntryPtr entry = CreateEntry(pAnalizy->dsid);
+    if (!entry) return false;
+    entry->hRootkey = pAnalizy->hRootkey;
+    entry->subKey = RecordSubkey(pAnalizy);
+    entry->valueName = RecordValueName(pAnalizy);
+    entry->valueData = piece;
+    ParseFillNotify(piece, std::move(entry), false, nullptr, scriptStep);
+    return true;
+}
+
 int CAnalizyOperate::ExpandShortName(ResultEntry* entry) {
     if (!entry || entry->filePath.find(L'~') == std::wstring::npos) return 1;
     wchar_t longPath[512];

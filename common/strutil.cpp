@@ -158,6 +158,12 @@ bool EqualsNoCase(const std::wstring& a, const std::wstring& b) {
                                 static_cast<int>(b.size()), TRUE) == CSTR_EQUAL;
 }
 
+bool ContainsNoCase(const std::vector<std::wstring>& list, const std::wstring& s) {
+    for (const auto& x : list)
+        if (EqualsNoCase(x, s)) return true;
+    return false;
+}
+
 std::wstring ToUpper(std::wstring s) {
     if (!s.empty()) CharUpperBuffW(&s[0], static_cast<DWORD>(s.size()));
     return s;

@@ -6,6 +6,7 @@
 #include <cstdarg>
 #include <cstddef>
 #include <string>
+#include <vector>
 
 #define KW_PRINTF(fmt, args) __attribute__((format(gnu_printf, fmt, args)))
 
@@ -44,6 +45,8 @@ size_t ReplaceAllNoCase(std::wstring& s, const std::wstring& from, const std::ws
 size_t FindNoCase(const std::wstring& text, const std::wstring& what, size_t from = 0);
 bool StartsWithNoCase(const std::wstring& text, const std::wstring& prefix);
 bool EqualsNoCase(const std::wstring& a, const std::wstring& b);
+// True when some element of `list` equals `s` without regard to case.
+bool ContainsNoCase(const std::vector<std::wstring>& list, const std::wstring& s);
 
 // Upper-cases with the system's character mapping (CharUpperBuffW).
 std::wstring ToUpper(std::wstring s);
