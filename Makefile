@@ -1,10 +1,11 @@
 # make test   install what is missing, build, run every test under Wine
 # make demo   run the plug-in on planted autorun registrations in a fresh prefix
 # make bench  build and run the benchmark (figures only, no assertions)
+# make scan   scan a Wine prefix (WINEPREFIX, else the demo prefix) with the default rules
 BUILD_DIR ?= build
 JOBS ?= $(shell nproc)
 
-.PHONY: all bootstrap configure build test demo bench clean
+.PHONY: all bootstrap configure build test demo bench scan clean
 
 all: build
 
@@ -25,6 +26,9 @@ demo: build
 
 bench: build
 	@bash scripts/bench $(BUILD_DIR)
+
+scan: build
+	@bash scripts/scan $(BUILD_DIR)
 
 clean:
 	rm -rf $(BUILD_DIR)

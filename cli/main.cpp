@@ -1,67 +1,83 @@
 // kwhost: a command-line host for the plug-in. It loads kwdeepscan.dll from
 // beside itself and drives it through its exports, as a real host does.
-//   kwhost init <rules.json>   create and initialise the plug-in, print its trace lines
-//   kwhost demo <rules.json>   plant autorun registrations and show the targets found
-#include "host_sim.h"
+#include "kwhost.h"
 
-#include <cstdio>
-#include <fstream>
-#include <sstream>
-#include <string>
+#include <fcntl.h>
+#include <io.h>
+#include <shellapi.h>
 
-using namespace hostsim;
-
-int RunDemo(PluginHost& host);  // demo_scenario.cpp
+#include <cstring>
 
 namespace {
 
-bool ReadFile(const char* path, std::string& out) {
-    std::ifstream in(path, std::ios::binary);
-    if (!in) return false;
-    std::ostringstream ss;
-    ss << in.rdbuf();
-    out = ss.str();
-    return true;
-}
+const char kUsage[] =
+    "usage: kwhost <command> [options]\n"
+    "\n"
+    "commands:\n"
+    "  scan    [--rules FILE] [--format table|csv|json] [--all-users] [--no-files] [--quiet]\n"
+    "          walk every registry location the rules name, the start-up folders and the\n"
+    "          drives' autorun files, and print one row per deep-scan target\n"
+    "  replay  EVENTS.jsonl [--rules FILE] [--trace]\n"
+    "          send recorded events (one JSON object per line) through the plug-in and\n"
+    "          print each event's targets (with --trace, its trace lines too)\n"
+    "  watch   [--rules FILE] [--for SECONDS] [--format table|csv|json]\n"
+    "          watch the rule keys and the start-up folders and print each new\n"
+    "          autorun's targets as it appears; Ctrl+C stops\n"
+    "  demo    plant a set of autorun registrations in this prefix, then scan it\n"
+    "  init    RULES.json: initialise the plug-in and print its trace lines\n"
+    "\n"
+    "Without --rules, scan and watch use autorun-rules.json (beside kwhost.exe or in\n"
+    "the source tree's config folder). Exit code 0, 2 for bad arguments or an\n"
+    "unreadable rule file, 1 when the plug-in cannot be loaded.\n";
 
-void PrintLines(const std::vector<TraceLine>& lines) {
-    for (const auto& l : lines) printf("  %-5s %ls\n", l.level == 31 ? "ERROR" : "INFO", l.text.c_str());
-}
-
-int Usage() {
-    fprintf(stderr, "usage: kwhost init|demo <rules.json>\n");
-    return 2;
+int CmdInit(int argc, wchar_t** argv) {
+    if (argc < 3) {
+        fprintf(stderr, "kwhost init: missing rule file\n%s", kUsage);
+        return 2;
+    }
+    std::string text, error;
+    std::vector<kwhost::ScanRule> rules;
+    if (!kwhost::LoadRuleFile(argv[2], text, rules, error)) {
+        fprintf(stderr, "kwhost: %s\n", error.c_str());
+        return 2;
+    }
+    hostsim::PluginHost host;
+    if (!kwhost::StartPlugin(host, text)) return 1;
+    printf("Trace lines received by the host:\n");
+    for (const auto& l : host.Engine().Lines())
+        printf("  %-5s %s\n", l.level == 31 ? "ERROR" : "INFO", kwhost::Utf8(l.text).c_str());
+    host.Plugin()->UnInit();
+    host.Release();
+    return 0;
 }
 
 }  // namespace
 
-int main(int argc, char** argv) {
-    if (argc < 3) return Usage();
-    std::string cmd = argv[1];
-    std::string rules;
-    if (!ReadFile(argv[2], rules)) {
-        fprintf(stderr, "kwhost: cannot read %s\n", argv[2]);
-        return 1;
+int main() {
+    // Output is UTF-8 bytes with "\n" line ends, for pipes and files alike.
+    _setmode(_fileno(stdout), _O_BINARY);
+    int argc = 0;
+    wchar_t** argv = CommandLineToArgvW(GetCommandLineW(), &argc);
+    if (!argv) return 2;
+    int rc = 2;
+    if (argc < 2) {
+        fputs(kUsage, stderr);
+    } else if (!wcscmp(argv[1], L"--help") || !wcscmp(argv[1], L"-h") || !wcscmp(argv[1], L"help")) {
+        fputs(kUsage, stdout);
+        rc = 0;
+    } else if (!wcscmp(argv[1], L"scan")) {
+        rc = kwhost::CmdScan(argc, argv);
+    } else if (!wcscmp(argv[1], L"replay")) {
+        rc = kwhost::CmdReplay(argc, argv);
+    } else if (!wcscmp(argv[1], L"watch")) {
+        rc = kwhost::CmdWatch(argc, argv);
+    } else if (!wcscmp(argv[1], L"demo")) {
+        rc = kwhost::CmdDemo(argc, argv);
+    } else if (!wcscmp(argv[1], L"init")) {
+        rc = CmdInit(argc, argv);
+    } else {
+        fprintf(stderr, "kwhost: unknown command '%s'\n%s", kwhost::Utf8(argv[1]).c_str(), kUsage);
     }
-    PluginHost host;
-    if (!host.Load()) {
-        fprintf(stderr, "kwhost: cannot load kwdeepscan.dll or its exports (error %lu)\n", GetLastError());
-        return 1;
-    }
-    printf("Loaded kwdeepscan.dll: exports CreatePlugObjectV2, ReleasePlugObjectV2, _Compatible_RegDeleteKeyExW@16 found\n");
-    if (!host.Create()) {
-        fprintf(stderr, "kwhost: CreatePlugObjectV2 refused\n");
-        return 1;
-    }
-    bool ok = host.Init(rules);
-    printf("Init(%s, %u bytes) -> %s\n", argv[2], static_cast<unsigned>(rules.size()), ok ? "true" : "false");
-    if (cmd == "init") {
-        printf("Trace lines received by the host:\n");
-        PrintLines(host.Engine().Lines());
-        host.Plugin()->UnInit();
-        host.Release();
-        return ok ? 0 : 1;
-    }
-    if (cmd == "demo") return RunDemo(host);
-    return Usage();
+    LocalFree(argv);
+    return rc;
 }
