@@ -37,11 +37,7 @@ std::string Filler(size_t lines) {
 TEST(DiskAutorun, SectionLines) {
     kwtest::TempDir dir;
     const std::string cmd(1100, 'c');
-    const struct {
-        const char* name;
-        std::string content;
-        std::vector<std::wstring> paths;
-    } cases[] = {
+    const struct { const char* name; std::string content; std::vector<std::wstring> paths; } cases[] = {
         {"keys in order of test, repeat in a section skipped",
          "[autorun]\r\nicon=i.exe\r\nxopen=a.exe\r\nOpen=a.exe\r\nSHELLEXECUTE=b.exe\r\nshell\\x=n.exe\r\n"
          "shell\\x\\command=c.exe\r\ncommand=shell\\d.exe\r\nopen=\r\n",

@@ -39,12 +39,8 @@ void MakeShortcut(const std::wstring& lnk, const std::wstring& target) {
     link->Release();
 }
 
-struct FileCase {
-    const char* name;
-    uint32_t operation;
-    std::wstring written, renamedTo;   // the event's paths
-    std::vector<std::wstring> targets;  // upper-cased, in order
-};
+// The event's paths (written, renamed to) and the targets, upper-cased, in order.
+struct FileCase { const char* name; uint32_t operation; std::wstring written, renamedTo; std::vector<std::wstring> targets; };
 
 }  // namespace
 
@@ -55,11 +51,9 @@ TEST(FileEvent, AutorunAndShortcutFilesYieldTheirPrograms) {
     const std::wstring rootDir = L"kwtest-root-" + std::to_wstring(GetCurrentProcessId());
     const std::wstring rel = L"C:\\" + rootDir + L"\\rel.exe";
     ASSERT_TRUE(kwtest::MakeFile(rel));
-    const std::string autorun = "[AutoRun]\r\nopen=" + N(a) + "\r\nOPEN=" +
-                                N(a) + "\r\nShellExecute=" + N(b) +
-                                "\r\nshell\\install\\command=" + N(rootDir) + "\\rel.exe" +
-                                "\r\nshell\\install=" + N(c) + "\r\nicon=" +
-                                N(c) + "\r\n[AutoRun.alpha]\r\nOpen=" + N(a) + "\r\n";
+    const std::string autorun = "[AutoRun]\r\nopen=" + N(a) + "\r\nOPEN=" + N(a) + "\r\nShellExecute=" + N(b) +
+                                "\r\nshell\\install\\command=" + N(rootDir) + "\\rel.exe\r\nshell\\x=" + N(c) +
+                                "\r\n[AutoRun.alpha]\r\nOpen=" + N(a) + "\r\n";
     const std::wstring inf = dir.File(L"autorun.inf", autorun);
     const std::wstring upperInf = dir.File(L"SETUP.INF", "[autorun]\r\nopen=" + N(b) + "\r\n");
     const std::wstring lnk = dir.Path() + L"\\start.lnk";
@@ -87,17 +81,6 @@ TEST(FileEvent, AutorunAndShortcutFilesYieldTheirPrograms) {
     kwtest::RemoveTree(L"C:\\" + rootDir);
 }
 
-TEST(FileEvent, RefusalsAreTraced) {
-    std::unique_ptr<Event> ev(Event::File(1, L"C:\\x.inf"));
-    ev->Req().Class = 2;
-    Host().Engine().ClearLines();
-    EXPECT_TRUE(PostFile(*ev).empty());
-    EXPECT_TRUE(Host().Engine().HasLine(L"FirstProcessEvent req is null or req->Class is not RCLASS_FILE"));
-    std::unique_ptr<Event> renamed(Event::File(2, L"C:\\x.inf"));
-    EXPECT_TRUE(PostFile(*renamed).empty());
-    EXPECT_TRUE(Host().Engine().HasLine(L"FirstProcessEvent dstFile Path is null"));
-}
-
 TEST(FileEvent, ShortcutInRunKeyGoesThroughTheShortcutStep) {
     kwtest::TempDir dir;
     const std::wstring lnk = dir.Path() + L"\\Start.LNK";
@@ -114,11 +97,7 @@ TEST(FileLink, OpenCommandDefaultValues) {
     const std::wstring exe = dir.File(L"open.exe");
     const std::wstring cls = L"kwtestfile-" + std::to_wstring(GetCurrentProcessId());
     const std::wstring userClasses = L"HKEY_USERS\\" + kwtest::CurrentUserSid() + L"_Classes\\";
-    const struct {
-        const char* name;
-        std::wstring key, value;
-        bool found;
-    } cases[] = {
+    const struct { const char* name; std::wstring key, value; bool found; } cases[] = {
         {"user's classes, default value", userClasses + cls + L"\\shell\\open\\command", L"", true},
         {"kernel path of the machine's classes", L"\\REGISTRY\\MACHINE\\SOFTWARE\\Classes\\" + cls + L"\\shell\\open\\command", L"default_null", true},
         {"machine classes", L"HKEY_LOCAL_MACHINE\\SOFTWARE\\Classes\\" + cls + L"\\Shell\\Open\\Command", L"", true},
