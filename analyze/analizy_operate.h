@@ -59,6 +59,13 @@ public:
     uint32_t AnalyzItem(ANALYZE_ITEM* pAnalizy, std::set<std::wstring>& resultSet,
                         const RegRule& rule) noexcept;
 
+    // A record filled from a file event (szSubkey: the written file's full
+    // path, the process id of the writer) run through one analyzer without a
+    // rule: the acting user's context is prepared as for a registry record and
+    // the upper-cased paths found go into resultSet. Returns the analyzer's code.
+    uint32_t AnalyzFileItem(ANALYZE_ITEM* pAnalizy, int functionId,
+                            std::set<std::wstring>& resultSet) noexcept;
+
     bool RegPathMatch(const ANALYZE_ITEM* pAnalizy, const RegRule& rule);
     bool TestRegKeyPathName(const ANALYZE_ITEM* pAnalizy, uint32_t hKey, const std::wstring& pattern,
                             const wchar_t* valueName);
@@ -133,6 +140,15 @@ public:
 
 protected:
     void ReleaseUserContext() noexcept;
+    // The files a shortcut's target leads to: the quoted target (joined with
+    // the third text on a 64-bit system) parsed with the folder of `pathInFolder`
+    // (its text before the last '\') as the current folder, and parsed once
+    // more after expansion when nothing was found.
+    void ParseShortcutTarget(const std::wstring& target, const std::wstring& third,
+                             const std::wstring& pathInFolder, std::list<std::wstring>& files);
+    // The shortcut step of ParseFillNotify: an entry naming a shortcut with a
+    // target takes the target's first file; further files go to `extra`.
+    void ShortcutFollowUp(ResultEntry& entry, std::list<std::wstring>& extra);
 
     BOOL m_bInit = FALSE;
     uint32_t m_nEntryCounter = 1;

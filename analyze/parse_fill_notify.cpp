@@ -70,6 +70,19 @@ uint32_t CAnalizyOperate::ParseFillNotify(const std::wstring& commandLine, Resul
     const ResultEntry templ = *entry;
     size_t index = 0;
     uint32_t ret = 1;
+    // A shortcut found is replaced by what its target leads to; the target's
+    // further files follow it, each in an entry of its own.
+    auto pushExtra = [&](std::list<std::wstring>& extra) -> uint32_t {
+        for (const std::wstring& file : extra) {
+            ResultEntryPtr e(new (std::nothrow) ResultEntry(templ));
+            if (!e) return 0;
+            e->seq = m_nEntryCounter++;
+            e->filePath = file;
+            ExpandShortName(e.get());
+            if (PushNotifyEntry(std::move(e)) == 0) return 0;
+        }
+        return 1;
+    };
     for (const std::wstring& file : files) {
         ResultEntryPtr e;
         if (index == 0) {
@@ -84,11 +97,12 @@ uint32_t CAnalizyOperate::ParseFillNotify(const std::wstring& commandLine, Resul
                     static_cast<unsigned>(index), file.c_str());
         }
         e->filePath = file;
-        // A shortcut found here is kept as the file itself: its target is not
-        // read in this release.
+        std::list<std::wstring> extra;
+        ShortcutFollowUp(*e, extra);
         ExpandShortName(e.get());
         ret = static_cast<uint32_t>(PushNotifyEntry(std::move(e)));
         if (ret == 0) return 0;
+        if (!extra.empty() && pushExtra(extra) == 0) return 0;
         ++index;
     }
     return ret;

@@ -48,11 +48,6 @@ void CPlugDeepScan::SetEnable(unsigned long, unsigned long) {
     KW_INFO("CPlugDeepScan::SetEnable", "CPlugDeepScan::SetEnable hello");
 }
 
-unsigned long CPlugDeepScan::FirstProcessEvent(IHostEvent* pEvent, IHostRuleEngine* ctx) {
-    KW_INFO("CPlugDeepScan::FirstProcessEvent", "CPlugDeepScan::FirstProcessEvent enter");
-    return 0;
-}
-
 unsigned long CPlugDeepScan::PreProcessEvent(IHostEvent*, IHostRuleEngine*) {
     KW_INFO("CPlugDeepScan::PreProcessEvent", "CPlugDeepScan::PreProcessEvent enter");
     return 0;

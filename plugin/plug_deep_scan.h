@@ -44,6 +44,11 @@ public:
     // "pReq == nullptr"; true for every request that could be reached.
     bool TransformEventRegPath(IHostEvent* pEvent);
 
+    // The file half of event intake (plugin/file_event.cpp). The file a file
+    // request ends with: its path, or for a rename its destination (traced);
+    // empty, with a trace, for a null or non-file request.
+    static std::wstring GetOrgDstFile(const KW_REQUEST* req);
+
     // The registry half of event intake and the analysis bridge.
     // The target object of the event being processed (slot 21 of the host's
     // context); traces "GetTarget error: ruleEng=%x" when there is none.
