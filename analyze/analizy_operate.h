@@ -89,6 +89,11 @@ public:
     // Shared result steps.
     ResultEntryPtr CreateEntry(uint32_t dsid);
     uint32_t FillServerEntries(ResultEntryPtr entry, const CEasyClsid& lookup);
+    // Looks the CLSID's servers up (user and machine classes, the Wow6432Node
+    // forms when bNativeView is 0) and pushes one entry per server file; a
+    // class without servers pushes the entry as it is (its location only).
+    // Returns FillServerEntries' result, or 1 for the location-only push.
+    uint32_t ResolveClsidAndPush(ResultEntryPtr entry, const std::wstring& clsid);
     int ExpandShortName(ResultEntry* entry);
     int PushNotifyEntry(ResultEntryPtr entry);
     // One entry for a piece of the record's data (root key, sub-key, value

@@ -12,8 +12,8 @@ using A = CAnalizyOperate;
 // Indexed by FunctionID - 1.
 const AnalyzerRow kAnalyzers[] = {
     {1, "CAnalizyOperate::AnalyzRegvalueSpliteAsFilePathByCharset", &A::AnalyzRegvalueSpliteAsFilePathByCharset, true},
-    {2, "CAnalizyOperate::AnalyzInsatlledComponents", nullptr, true},
-    {3, "CAnalizyOperate::AnalyzSystemScripts", nullptr, true},
+    {2, "CAnalizyOperate::AnalyzInsatlledComponents", &A::AnalyzInsatlledComponents, true},
+    {3, "CAnalizyOperate::AnalyzSystemScripts", &A::AnalyzSystemScripts, true},
     {4, "CAnalizyOperate::AnalyzRegValueAsCLSID", nullptr, false},
     {5, "CAnalizyOperate::AnalyzRegvalueAsFilePath", &A::AnalyzRegvalueAsFilePath, false},
     {6, "CAnalizyOperate::AnalyzLinkFiles", &A::AnalyzLinkFiles, false},
@@ -27,12 +27,12 @@ const AnalyzerRow kAnalyzers[] = {
     {14, "CAnalizyOperate::AnalyzMulitRegValueAsFilePath", &A::AnalyzMulitRegValueAsFilePath, false},
     {15, "CAnalizyOperate::AnalyzFileLink", &A::AnalyzFileLink, false},
     {16, "CAnalizyOperate::AnalyzDiskAutorun", &A::AnalyzDiskAutorun, false},
-    {17, "CAnalizyOperate::AnalyzIEMenuExt", nullptr, false},
-    {18, "CAnalizyOperate::AnalyzFileAssociation", nullptr, false},
+    {17, "CAnalizyOperate::AnalyzIEMenuExt", &A::AnalyzIEMenuExt, false},
+    {18, "CAnalizyOperate::AnalyzFileAssociation", &A::AnalyzFileAssociation, false},
     {19, "CAnalizyOperate::AnalyzRegvalueSpliteAsFilePathByVLine", &A::AnalyzRegvalueSpliteAsFilePathByVLine, false},
     {20, "CAnalizyOperate::AnalyzRegvalueNameAsFilePath", &A::AnalyzRegvalueNameAsFilePath, false},
     {21, "CAnalizyOperate::AnalyzKnownDlls", nullptr, false},
-    {22, "CAnalizyOperate::AnalyzIEExtensions", nullptr, false},
+    {22, "CAnalizyOperate::AnalyzIEExtensions", &A::AnalyzIEExtensions, false},
 };
 static_assert(sizeof(kAnalyzers) / sizeof(kAnalyzers[0]) == kLastFunctionId, "one row per FunctionID");
 

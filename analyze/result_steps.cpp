@@ -46,6 +46,13 @@ uint32_t CAnalizyOperate::FillServerEntries(ResultEntryPtr entry, const CEasyCls
     return ret;
 }
 
+uint32_t CAnalizyOperate::ResolveClsidAndPush(ResultEntryPtr entry, const std::wstring& clsid) {
+    CEasyClsid lookup(m_szSid, clsid.c_str(), !bNativeView);
+    if (!lookup.Servers().empty()) return FillServerEntries(std::move(entry), lookup);
+    ExpandShortName(entry.get());
+    return static_cast<uint32_t>(PushNotifyEntry(std::move(entry)));
+}
+
 bool CAnalizyOperate::ReportPiece(const ANALYZE_ITEM* pAnalizy, const std::wstring& piece, bool scriptStep) {
     ResultEntryPtr entry = CreateEntry(pAnalizy->dsid);
     if (!entry) return false;

@@ -18,7 +18,12 @@ const char* const kRules = R"({"RegParseConfig":[
  {"ParseID":76,"FunctionID":5,"CheckID":0},
  {"ParseID":23,"FunctionID":5,"CheckID":1,"RegRootkey":2147483650,"RegSubkey":"SOFTWARE\\X","RegValueName":"wanted"},
  {"ParseID":30,"FunctionID":12,"CheckID":0},
- {"ParseID":15,"FunctionID":15,"CheckID":0}
+ {"ParseID":15,"FunctionID":15,"CheckID":0},
+ {"ParseID":202,"FunctionID":2,"CheckID":0,"Parameter1":"SOFTWARE\\kwtest-comp"},
+ {"ParseID":203,"FunctionID":3,"CheckID":0,"Parameter1":"Startup"},
+ {"ParseID":217,"FunctionID":17,"CheckID":0},
+ {"ParseID":218,"FunctionID":18,"CheckID":0},
+ {"ParseID":222,"FunctionID":22,"CheckID":0}
 ]})";
 
 hostsim::PluginHost& Host() {
