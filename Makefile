@@ -1,10 +1,11 @@
 # make test   install what is missing, build, run every test under Wine
 # make demo   run the plug-in on planted autorun registrations in a fresh prefix
 # make bench  build and run the benchmark (figures only, no assertions)
+# make fuzz   build and run a full fuzz pass (fixed seeds, bounded inputs)
 BUILD_DIR ?= build
 JOBS ?= $(shell nproc)
 
-.PHONY: all bootstrap configure build test demo bench clean
+.PHONY: all bootstrap configure build test demo bench fuzz clean
 
 all: build
 
@@ -25,6 +26,9 @@ demo: build
 
 bench: build
 	@bash scripts/bench $(BUILD_DIR)
+
+fuzz: build
+	@bash scripts/fuzz $(BUILD_DIR)
 
 clean:
 	rm -rf $(BUILD_DIR)
