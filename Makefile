@@ -2,10 +2,11 @@
 # make demo   run the plug-in on planted autorun registrations in a fresh prefix
 # make bench  build and run the benchmark (figures only, no assertions)
 # make scan   scan a Wine prefix (WINEPREFIX, else the demo prefix) with the default rules
+# make fuzz   build and run a full fuzz pass (fixed seeds, bounded inputs)
 BUILD_DIR ?= build
 JOBS ?= $(shell nproc)
 
-.PHONY: all bootstrap configure build test demo bench scan clean
+.PHONY: all bootstrap configure build test demo bench scan fuzz clean
 
 all: build
 
@@ -29,6 +30,9 @@ bench: build
 
 scan: build
 	@bash scripts/scan $(BUILD_DIR)
+
+fuzz: build
+	@bash scripts/fuzz $(BUILD_DIR)
 
 clean:
 	rm -rf $(BUILD_DIR)

@@ -98,14 +98,14 @@ static_assert(sizeof(HostNarrowString) == 24, "host string layout");
 class IKwRulePlug {
 public:
     virtual bool Init(IHostRuleEngine* ruleEng, const char* configContent,
-                      unsigned long configContentLength) = 0;
-    virtual void UnInit() = 0;
-    virtual void SetEnable(unsigned long a, unsigned long b) = 0;
-    virtual unsigned long FirstProcessEvent(IHostEvent* pEvent, IHostRuleEngine* ruleEng) = 0;
-    virtual unsigned long PreProcessEvent(IHostEvent* pEvent, IHostRuleEngine* ruleEng) = 0;
-    virtual unsigned long PostProcessEvent(IHostEvent* pEvent, IHostRuleEngine* ruleEng) = 0;
-    virtual unsigned long LastProcessEvent(IHostEvent* pEvent, IHostRuleEngine* ruleEng) = 0;
-    virtual bool AfterProcessEvent(unsigned long a, unsigned long b, unsigned long c) = 0;
+                      unsigned long configContentLength) noexcept = 0;
+    virtual void UnInit() noexcept = 0;
+    virtual void SetEnable(unsigned long a, unsigned long b) noexcept = 0;
+    virtual unsigned long FirstProcessEvent(IHostEvent* pEvent, IHostRuleEngine* ruleEng) noexcept = 0;
+    virtual unsigned long PreProcessEvent(IHostEvent* pEvent, IHostRuleEngine* ruleEng) noexcept = 0;
+    virtual unsigned long PostProcessEvent(IHostEvent* pEvent, IHostRuleEngine* ruleEng) noexcept = 0;
+    virtual unsigned long LastProcessEvent(IHostEvent* pEvent, IHostRuleEngine* ruleEng) noexcept = 0;
+    virtual bool AfterProcessEvent(unsigned long a, unsigned long b, unsigned long c) noexcept = 0;
 
 protected:
     IKwRulePlug() noexcept : m_hostString{{0}, 0, 15}, m_hostValue(0) {}

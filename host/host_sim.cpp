@@ -83,9 +83,21 @@ bool RuleEngine::HasLine(const std::wstring& fragment) const {
 
 // ---- Event ----
 
-Event::Event() {
-    m_ev = static_cast<DriverEvent*>(HeapAlloc(GetProcessHeap(), HEAP_ZERO_MEMORY, sizeof(DriverEvent)));
-    if (!m_ev) throw std::bad_alloc();
+Event::Event(bool atPageEnd) {
+    if (atPageEnd) {
+        SYSTEM_INFO si;
+        GetSystemInfo(&si);
+        const size_t page = si.dwPageSize;
+        const size_t cbData = (sizeof(DriverEvent) + page - 1) / page * page;
+        m_region = VirtualAlloc(nullptr, cbData + page, MEM_RESERVE | MEM_COMMIT, PAGE_READWRITE);
+        DWORD old = 0;
+        if (!m_region || !VirtualProtect(static_cast<char*>(m_region) + cbData, page, PAGE_NOACCESS, &old))
+            throw std::bad_alloc();
+        m_ev = reinterpret_cast<DriverEvent*>(static_cast<char*>(m_region) + cbData - sizeof(DriverEvent));
+    } else {
+        m_ev = static_cast<DriverEvent*>(HeapAlloc(GetProcessHeap(), HEAP_ZERO_MEMORY, sizeof(DriverEvent)));
+        if (!m_ev) throw std::bad_alloc();
+    }
     m_ev->cbSize = sizeof(DriverEvent);
 }
 
@@ -96,10 +108,19 @@ static bool InInline(const Request& r, const wchar_t* p) {
 Event::~Event() {
     // The host frees whatever non-inline strings the request holds at the end
     // of the event, including copies the plug-in put there.
+    // A string that two fields share is freed once.
     Request& r = m_ev->Req;
-    for (wchar_t* p : {r.KeyPath, r.RenamePath, r.ValueName})
-        if (p && !InInline(r, p)) HeapFree(GetProcessHeap(), 0, p);
-    HeapFree(GetProcessHeap(), 0, m_ev);
+    wchar_t* fields[] = {r.KeyPath, r.RenamePath, r.ValueName};
+    for (int i = 0; i < 3; ++i) {
+        wchar_t* p = fields[i];
+        bool seen = false;
+        for (int j = 0; j < i; ++j) seen = seen || fields[j] == p;
+        if (p && !seen && !InInline(r, p)) HeapFree(GetProcessHeap(), 0, p);
+    }
+    if (m_region)
+        VirtualFree(m_region, 0, MEM_RELEASE);
+    else
+        HeapFree(GetProcessHeap(), 0, m_ev);
 }
 
 wchar_t* Event::Place(const std::wstring& s, bool inlineString) {
@@ -113,6 +134,14 @@ wchar_t* Event::Place(const std::wstring& s, bool inlineString) {
     wchar_t* p = static_cast<wchar_t*>(HeapAlloc(GetProcessHeap(), 0, need * sizeof(wchar_t)));
     if (!p) throw std::bad_alloc();
     memcpy(p, s.c_str(), need * sizeof(wchar_t));
+    return p;
+}
+
+wchar_t* Event::PlaceInlineTail(const std::wstring& s) {
+    const size_t n = s.size() < 2048 ? s.size() : 2048;
+    wchar_t* p = m_ev->Req.Inline + 2048 - n;
+    memcpy(p, s.c_str() + s.size() - n, n * sizeof(wchar_t));
+    m_inlineUsed = 2048;
     return p;
 }
 

@@ -168,7 +168,9 @@ private:
 // A host event around one driver event (slot 5).
 class Event : public IEvent {
 public:
-    Event();
+    // atPageEnd: the driver event ends exactly where readable memory ends
+    // (the next page is inaccessible), so any read past the request faults.
+    explicit Event(bool atPageEnd = false);
     ~Event();
     Event(const Event&) = delete;
     Event& operator=(const Event&) = delete;
@@ -196,9 +198,16 @@ public:
     void SetRenamePath(const std::wstring& path, bool inlineString);
     int ReservedCalls() const { return m_reservedCalls; }
 
-private:
+    // A copy of s in the inline storage (when it fits and inlineString is
+    // true) or on the process heap; terminated.
     wchar_t* Place(const std::wstring& s, bool inlineString);
+    // s written unterminated at the very end of the inline storage (cut to
+    // its last characters when longer).
+    wchar_t* PlaceInlineTail(const std::wstring& s);
+
+private:
     DriverEvent* m_ev;
+    void* m_region = nullptr;  // the pages of an atPageEnd event
     size_t m_inlineUsed = 0;
     bool m_noDriverEvent = false;
     int m_reservedCalls = 0;

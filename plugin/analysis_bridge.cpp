@@ -5,6 +5,7 @@
 #include "common/strutil.h"
 #include "diag/trace.h"
 #include "plugin/plug_deep_scan.h"
+#include "plugin/request_text.h"
 #include "plugin/transform_reg_path.h"
 
 #include <list>
@@ -68,7 +69,7 @@ bool CPlugDeepScan::FillAnalyzeItem(const KW_REQUEST* req, uint32_t analyzeId, A
         case REQ_OP_VALUE_SET:
             item->dwOperate = REGMONMODE_OPERATE_MODIFYVALUE;
             item->dwValueType = req->Context.ValueType;
-            CopyBounded(item->szValuename, kValueNameChars, req->ValueName);
+            CopyBounded(item->szValuename, kValueNameChars, RequestText(req, req->ValueName).c_str());
             break;
         case REQ_OP_VALUE_DELETED:
             KW_INFO("CPlugDeepScan::FillAnalyzeItem", "Skip OperType  = %s", "VALUE_DELETE");
@@ -86,7 +87,8 @@ bool CPlugDeepScan::FillAnalyzeItem(const KW_REQUEST* req, uint32_t analyzeId, A
     KW_INFO("CPlugDeepScan::FillAnalyzeItem", "op=%u, type=%u", item->dwOperate, item->dwValueType);
 
     uint32_t root = 0;
-    if (!kw::TransformRegPath(req->KeyPath, &root, item->szSubkey, kSubkeyChars)) {
+    const std::wstring keyPath = RequestText(req, req->KeyPath);
+    if (!kw::TransformRegPath(req->KeyPath ? keyPath.c_str() : nullptr, &root, item->szSubkey, kSubkeyChars)) {
         KW_INFO("CPlugDeepScan::FillAnalyzeItem", "TransformRegPath Fail");
         return false;
     }
@@ -124,14 +126,15 @@ bool CPlugDeepScan::HandleRdEvent(const KW_REQUEST* req, IHostRuleEngine* ctx) {
     return false;
 }
 
-unsigned long CPlugDeepScan::PostProcessEvent(IHostEvent* pEvent, IHostRuleEngine* ctx) {
+unsigned long CPlugDeepScan::PostProcessEvent(IHostEvent* pEvent, IHostRuleEngine* ctx) noexcept {
     try {
         KW_INFO("CPlugDeepScan::PostProcessEvent", "CPlugDeepScan::PostProcessEvent enter");
         if (!pEvent) return 0;
         KW_DRV_EVENT* drv = pEvent->GetDriverEvent();
         KW_REQUEST* req = drv ? &drv->Request : nullptr;
-        KW_INFO("CPlugDeepScan::PostProcessEvent", "Class=%d(rd=2)", req ? static_cast<int>(req->Class) : -1);
-        if (req && req->Class == RCLASS_REGISTRY && ctx) {
+        if (!req) return 0;
+        KW_INFO("CPlugDeepScan::PostProcessEvent", "Class=%d(rd=2)", static_cast<int>(req->Class));
+        if (req->Class == RCLASS_REGISTRY && ctx) {
             HandleRdEvent(req, ctx);
             TransformEventRegPath(pEvent);
         }

@@ -24,12 +24,12 @@ void ObjectReleased() noexcept {
 }
 }  // namespace
 
-extern "C" BOOL WINAPI DllMain(HINSTANCE instance, DWORD reason, LPVOID) {
+extern "C" BOOL WINAPI DllMain(HINSTANCE instance, DWORD reason, LPVOID) noexcept {
     if (reason == DLL_PROCESS_ATTACH) SetThisModule(instance);
     return TRUE;
 }
 
-extern "C" bool CreatePlugObjectV2(const GUID* iid, IKwRulePlug** out) {
+extern "C" bool CreatePlugObjectV2(const GUID* iid, IKwRulePlug** out) noexcept {
     if (!iid || !out) return false;
     if (memcmp(iid, &IID_IKwRulePlug, sizeof(GUID)) != 0) return false;
     CPlugDeepScan* obj = new (std::nothrow) CPlugDeepScan();
@@ -39,7 +39,7 @@ extern "C" bool CreatePlugObjectV2(const GUID* iid, IKwRulePlug** out) {
     return true;
 }
 
-extern "C" void ReleasePlugObjectV2(IKwRulePlug* obj) {
+extern "C" void ReleasePlugObjectV2(IKwRulePlug* obj) noexcept {
     if (!obj) return;
     CPlugDeepScan::DestroyAsBase(static_cast<CPlugDeepScan*>(obj));
     ObjectReleased();
@@ -48,7 +48,7 @@ extern "C" void ReleasePlugObjectV2(IKwRulePlug* obj) {
 typedef LONG(WINAPI* RegDeleteKeyExW_t)(HKEY, LPCWSTR, REGSAM, DWORD);
 
 extern "C" LONG WINAPI Compatible_RegDeleteKeyExW(HKEY key, LPCWSTR subKey, REGSAM samDesired,
-                                                  DWORD reserved) {
+                                                  DWORD reserved) noexcept {
     // Called without a null test: the resolved address exists on every
     // system this plug-in supports.
     auto fn = reinterpret_cast<RegDeleteKeyExW_t>(

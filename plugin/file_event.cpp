@@ -3,30 +3,13 @@
 #include "common/strutil.h"
 #include "diag/trace.h"
 #include "plugin/plug_deep_scan.h"
+#include "plugin/request_text.h"
 
 #include <shlwapi.h>
 
-#include <iterator>
 #include <list>
 
 namespace kw {
-
-namespace {
-
-// Longest request string read from the process heap (a path the system
-// accepts at all is shorter).
-constexpr size_t kMaxHeapStringChars = 32767;
-
-// A request string, read no further than the inline storage it may point into.
-std::wstring RequestString(const KW_REQUEST* req, const wchar_t* p) {
-    if (!p) return std::wstring();
-    const wchar_t* first = req->Inline;
-    const wchar_t* end = req->Inline + std::size(req->Inline);
-    const size_t cchMax = (p >= first && p < end) ? static_cast<size_t>(end - p) : kMaxHeapStringChars;
-    return std::wstring(p, LenBounded(p, cchMax));
-}
-
-}  // namespace
 
 std::wstring CPlugDeepScan::GetOrgDstFile(const KW_REQUEST* req) {
     static const char kFn[] = "CPlugDeepScan::GetOrgDstFile";
@@ -36,15 +19,15 @@ std::wstring CPlugDeepScan::GetOrgDstFile(const KW_REQUEST* req) {
     }
     if (req->Operation == REQ_FILE_RENAMED) {
         // The file now lives under its new name.
-        std::wstring dst = RequestString(req, req->RenamePath);
+        std::wstring dst = RequestText(req, req->RenamePath);
         KW_INFO(kFn, "DstFile=%ls (RenameFileEvent)", dst.c_str());
         KW_INFO(kFn, "RenameEvent DstFile=%ls (FileEvent)", dst.c_str());
         return dst;
     }
-    return RequestString(req, req->KeyPath);
+    return RequestText(req, req->KeyPath);
 }
 
-unsigned long CPlugDeepScan::FirstProcessEvent(IHostEvent* pEvent, IHostRuleEngine* ctx) {
+unsigned long CPlugDeepScan::FirstProcessEvent(IHostEvent* pEvent, IHostRuleEngine* ctx) noexcept {
     static const char kFn[] = "CPlugDeepScan::FirstProcessEvent";
     try {
         KW_INFO(kFn, "CPlugDeepScan::FirstProcessEvent enter");

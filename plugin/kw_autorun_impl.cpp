@@ -4,54 +4,90 @@
 #include "analyze/analysis_record.h"
 
 #include <set>
-#include "common/handle.h"
 #include "diag/trace.h"
 
 namespace kw {
 
 namespace {
+
+// The process's rules. g_tableLock guards g_rules (shared for lookups,
+// exclusive to publish); g_loadLock lets one loader parse at a time without
+// holding up lookups. Static storage: the table lives until the module unloads.
 volatile LONG g_rulesLoaded = 0;
-}
+SRWLOCK g_loadLock = SRWLOCK_INIT;
+SRWLOCK g_tableLock = SRWLOCK_INIT;
+RuleTable g_rules;
+
+class SrwExclusive {
+public:
+    explicit SrwExclusive(SRWLOCK& l) noexcept : m_l(l) { AcquireSRWLockExclusive(&m_l); }
+    ~SrwExclusive() { ReleaseSRWLockExclusive(&m_l); }
+    SrwExclusive(const SrwExclusive&) = delete;
+    SrwExclusive& operator=(const SrwExclusive&) = delete;
+
+private:
+    SRWLOCK& m_l;
+};
+
+class SrwShared {
+public:
+    explicit SrwShared(SRWLOCK& l) noexcept : m_l(l) { AcquireSRWLockShared(&m_l); }
+    ~SrwShared() { ReleaseSRWLockShared(&m_l); }
+    SrwShared(const SrwShared&) = delete;
+    SrwShared& operator=(const SrwShared&) = delete;
+
+private:
+    SRWLOCK& m_l;
+};
+
+}  // namespace
 
 bool AreRulesLoaded() noexcept { return g_rulesLoaded != 0; }
 
-CKwAutoRunImpl::CKwAutoRunImpl() { InitializeCriticalSection(&m_cs); }
+int CKwAutoRunImpl::AnalyzeFiles(ANALYZE_ITEM* item, std::list<std::wstring>* fileList) noexcept {
+    try {
+        // A working object per call: analyses of concurrent events never share state.
+        CAnalizyOperate op;
+        if (!op.Init()) return -1;
+        if (!item) return 0;
 
-CKwAutoRunImpl::~CKwAutoRunImpl() { DeleteCriticalSection(&m_cs); }
-
-int CKwAutoRunImpl::AnalyzeFiles(ANALYZE_ITEM* item, std::list<std::wstring>* fileList) {
-    // A working object per call: analyses of concurrent events never share state.
-    CAnalizyOperate op;
-    if (!op.Init()) return -1;
-    if (!item) return 0;
-
-    // The rule is copied out under the lock; the analysis runs outside it.
-    RegRule rule;
-    bool found = GetParseRule(static_cast<int32_t>(item->dsid), &rule);
-    if (!found) {
-        KW_ERROR("CKwAutoRunImpl::AnalyzeFiles", "co.GetParseRule Fail,%d", static_cast<int>(GetLastError()));
-        return 0;
+        // The rule is copied out under the lock; the analysis runs outside it.
+        RegRule rule;
+        bool found = GetParseRule(static_cast<int32_t>(item->dsid), &rule);
+        if (!found) {
+            KW_ERROR("CKwAutoRunImpl::AnalyzeFiles", "co.GetParseRule Fail,%d", static_cast<int>(GetLastError()));
+            return 0;
+        }
+        KW_INFO("CKwAutoRunImpl::AnalyzeFiles", "co.GetParseRule Success,%d", static_cast<int>(item->dsid));
+        std::set<std::wstring> resultSet;
+        uint32_t ret = op.AnalyzItem(item, resultSet, rule);
+        KW_INFO("CKwAutoRunImpl::AnalyzeFiles", "co.AnalyzItem Complete,%d", static_cast<int>(ret));
+        if (fileList) fileList->insert(fileList->end(), resultSet.begin(), resultSet.end());
+    } catch (...) {
+        // Out of memory while copying the rule or the results: no targets.
     }
-    KW_INFO("CKwAutoRunImpl::AnalyzeFiles", "co.GetParseRule Success,%d", static_cast<int>(item->dsid));
-    std::set<std::wstring> resultSet;
-    uint32_t ret = op.AnalyzItem(item, resultSet, rule);
-    KW_INFO("CKwAutoRunImpl::AnalyzeFiles", "co.AnalyzItem Complete,%d", static_cast<int>(ret));
-    if (fileList) fileList->insert(fileList->end(), resultSet.begin(), resultSet.end());
     return 0;
 }
 
 bool CKwAutoRunImpl::Init(IHostRuleEngine* ruleEng, const char* configContent,
-                          unsigned long configContentLength) {
+                          unsigned long configContentLength) noexcept {
     if (g_rulesLoaded) return true;
     try {
         // The copy keeps the length the host gave, embedded NULs included;
         // the parser decides how far it reads.
         std::string content;
         if (configContent) content.assign(configContent, configContentLength);
-        cs_lock lock(m_cs);
+        SrwExclusive loading(g_loadLock);
         // A caller that waited on the lock finds the rules loaded.
         if (g_rulesLoaded) return true;
-        if (CAnalizyOperate::LoadParseRules(m_co, content)) {
+        RuleTable loaded;
+        (void)CAnalizyOperate::LoadParseRules(loaded, content);
+        // Deliberately retried until a text gives a valid rule: a host that
+        // initialises before its rule text is ready must not run without
+        // rules for the life of the process.
+        if (!loaded.empty()) {
+            SrwExclusive publish(g_tableLock);
+            g_rules.swap(loaded);
             InterlockedExchange(&g_rulesLoaded, 1);
             return true;
         }
@@ -59,24 +95,29 @@ bool CKwAutoRunImpl::Init(IHostRuleEngine* ruleEng, const char* configContent,
         // The host's text could not even be copied: reported below.
     }
     KW_ERROR("CKwAutoRunImpl::Init", "m_co.LoadParseRules Fail,%d", static_cast<int>(GetLastError()));
-    return g_rulesLoaded != 0;
+    return false;
 }
 
-bool CKwAutoRunImpl::UnInit() { return true; }
+bool CKwAutoRunImpl::UnInit() noexcept { return true; }
 
-void CKwAutoRunImpl::Reserved3() {}
+void CKwAutoRunImpl::Reserved3() noexcept {}
 
-bool CKwAutoRunImpl::GetParseRule(int32_t parseId, RegRule* out) {
-    cs_lock lock(m_cs);
-    auto it = m_co.find(parseId);
-    if (it == m_co.end()) return false;
-    if (out) *out = it->second;
-    return true;
+bool CKwAutoRunImpl::GetParseRule(int32_t parseId, RegRule* out) noexcept {
+    try {
+        SrwShared lookup(g_tableLock);
+        auto it = g_rules.find(parseId);
+        if (it == g_rules.end()) return false;
+        if (out) *out = it->second;
+        return true;
+    } catch (...) {
+        // The copy of the rule's strings ran out of memory.
+        return false;
+    }
 }
 
 RuleTable CKwAutoRunImpl::GetRules() {
-    cs_lock lock(m_cs);
-    return m_co;
+    SrwShared lookup(g_tableLock);
+    return g_rules;
 }
 
 }  // namespace kw

@@ -1,6 +1,7 @@
 #include "plugin/plug_deep_scan.h"
 
 #include "diag/trace.h"
+#include "plugin/request_text.h"
 
 #include <cstring>
 #include <iterator>
@@ -9,7 +10,7 @@
 namespace kw {
 
 bool CPlugDeepScan::Init(IHostRuleEngine* host, const char* configContent,
-                         unsigned long configContentLength) {
+                         unsigned long configContentLength) noexcept {
     if (GetLogSink()) KW_INFO("CPlugDeepScan::Init", "CPlugDeepScan::Init enter");
     if (!host) return false;
 
@@ -32,28 +33,33 @@ bool CPlugDeepScan::Init(IHostRuleEngine* host, const char* configContent,
     regKeyTranslate = new (std::nothrow) CRegKeyTranslate();
     if (regKeyTranslate) regKeyTranslate->Init();
 
-    ruleAnalyze = std::make_shared<CRuleAnalyze>();
-    ruleAnalyze->SetEngine(autoRunImpl);
+    try {
+        ruleAnalyze = std::make_shared<CRuleAnalyze>();
+        ruleAnalyze->SetEngine(autoRunImpl);
+    } catch (const std::bad_alloc&) {
+        // Only file events use the bridge: registry events still work.
+        KW_ERROR("CPlugDeepScan::Init", "CRuleAnalyze alloc fail");
+    }
 
     KW_INFO("CPlugDeepScan::Init", "CPlugDeepScan::Init ok");
     return true;
 }
 
-void CPlugDeepScan::UnInit() {
+void CPlugDeepScan::UnInit() noexcept {
     KW_INFO("CPlugDeepScan::UnInit", "CPlugDeepScan::UnInit enter");
     if (autoRunImpl) autoRunImpl->UnInit();
 }
 
-void CPlugDeepScan::SetEnable(unsigned long, unsigned long) {
+void CPlugDeepScan::SetEnable(unsigned long, unsigned long) noexcept {
     KW_INFO("CPlugDeepScan::SetEnable", "CPlugDeepScan::SetEnable hello");
 }
 
-unsigned long CPlugDeepScan::PreProcessEvent(IHostEvent*, IHostRuleEngine*) {
+unsigned long CPlugDeepScan::PreProcessEvent(IHostEvent*, IHostRuleEngine*) noexcept {
     KW_INFO("CPlugDeepScan::PreProcessEvent", "CPlugDeepScan::PreProcessEvent enter");
     return 0;
 }
 
-unsigned long CPlugDeepScan::LastProcessEvent(IHostEvent*, IHostRuleEngine*) {
+unsigned long CPlugDeepScan::LastProcessEvent(IHostEvent*, IHostRuleEngine*) noexcept {
     KW_INFO("CPlugDeepScan::LastProcessEvent", "CPlugDeepScan::LastProcessEvent enter");
     return 0;
 }
@@ -72,15 +78,10 @@ bool CPlugDeepScan::TransformRegPath(DWORD processId, const wchar_t* key, std::w
 
 namespace {
 
-bool PointsIntoInline(const KW_REQUEST* req, const wchar_t* p) noexcept {
-    const auto first = reinterpret_cast<uintptr_t>(req->Inline);
-    const auto end = reinterpret_cast<uintptr_t>(req->Inline + std::size(req->Inline));
-    const auto at = reinterpret_cast<uintptr_t>(p);
-    return at >= first && at < end;
-}
-
-// Puts a process-heap copy of text into *slot; the previous string is freed
-// unless it lives in the request's inline storage (the host owns that).
+// Puts a process-heap copy of text into *slot. The previous string is freed
+// unless it lives in the request's inline storage (the host owns that) or
+// another field of the request still points to it (a host may give the key
+// path and the rename path as one string).
 bool ReplaceRequestString(KW_REQUEST* req, wchar_t** slot, const std::wstring& text) noexcept {
     const size_t cb = (text.size() + 1) * sizeof(wchar_t);
     auto* copy = static_cast<wchar_t*>(HeapAlloc(GetProcessHeap(), 0, cb));
@@ -88,13 +89,14 @@ bool ReplaceRequestString(KW_REQUEST* req, wchar_t** slot, const std::wstring& t
     memcpy(copy, text.c_str(), cb);
     wchar_t* old = *slot;
     *slot = copy;
-    if (old && !PointsIntoInline(req, old)) HeapFree(GetProcessHeap(), 0, old);
+    const bool shared = old == req->KeyPath || old == req->RenamePath || old == req->ValueName;
+    if (old && !shared && !PointsIntoInline(req, old)) HeapFree(GetProcessHeap(), 0, old);
     return true;
 }
 
 }  // namespace
 
-bool CPlugDeepScan::TransformEventRegPath(IHostEvent* pEvent) {
+bool CPlugDeepScan::TransformEventRegPath(IHostEvent* pEvent) noexcept {
     const char* fn = "CPlugDeepScan::TransformEventRegPath";
     if (!pEvent) {
         KW_ERROR(fn, "pEvent == nullptr");
@@ -111,8 +113,9 @@ bool CPlugDeepScan::TransformEventRegPath(IHostEvent* pEvent) {
     try {
         const DWORD processId = pReq->Context.ProcessId;
         std::wstring result;
-        KW_INFO(fn, "start Transform  prekey=%ls", pReq->KeyPath ? pReq->KeyPath : L"");
-        TransformRegPath(processId, pReq->KeyPath, result);
+        const std::wstring key = RequestText(pReq, pReq->KeyPath);
+        KW_INFO(fn, "start Transform  prekey=%ls", key.c_str());
+        TransformRegPath(processId, pReq->KeyPath ? key.c_str() : nullptr, result);
         if (!result.empty()) {
             if (ReplaceRequestString(pReq, &pReq->KeyPath, result))
                 KW_INFO(fn, " postkey=%ls", pReq->KeyPath);
@@ -121,8 +124,9 @@ bool CPlugDeepScan::TransformEventRegPath(IHostEvent* pEvent) {
         }
         if (pReq->Operation == REQ_OP_KEY_RENAMED) {
             result.clear();
-            KW_INFO(fn, " prerenamekey=%ls", pReq->RenamePath ? pReq->RenamePath : L"");
-            TransformRegPath(processId, pReq->RenamePath, result);
+            const std::wstring renameKey = RequestText(pReq, pReq->RenamePath);
+            KW_INFO(fn, " prerenamekey=%ls", renameKey.c_str());
+            TransformRegPath(processId, pReq->RenamePath ? renameKey.c_str() : nullptr, result);
             if (!result.empty()) {
                 if (ReplaceRequestString(pReq, &pReq->RenamePath, result))
                     KW_INFO(fn, " postrename_key=%ls", pReq->RenamePath);
@@ -142,7 +146,7 @@ void CPlugDeepScan::DestroyAsBase(CPlugDeepScan* obj) noexcept {
     ::operator delete(static_cast<void*>(obj));
 }
 
-bool CPlugDeepScan::AfterProcessEvent(unsigned long, unsigned long, unsigned long) {
+bool CPlugDeepScan::AfterProcessEvent(unsigned long, unsigned long, unsigned long) noexcept {
     KW_INFO("CPlugDeepScan::AfterProcessEvent", "CPlugDeepScan::AfterProcessEvent enter");
     return true;
 }

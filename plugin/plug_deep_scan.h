@@ -20,14 +20,14 @@ public:
     ~CPlugDeepScan() = default;
 
     bool Init(IHostRuleEngine* ruleEng, const char* configContent,
-              unsigned long configContentLength) override;
-    void UnInit() override;
-    void SetEnable(unsigned long a, unsigned long b) override;
-    unsigned long FirstProcessEvent(IHostEvent* pEvent, IHostRuleEngine* ruleEng) override;
-    unsigned long PreProcessEvent(IHostEvent* pEvent, IHostRuleEngine* ruleEng) override;
-    unsigned long PostProcessEvent(IHostEvent* pEvent, IHostRuleEngine* ruleEng) override;
-    unsigned long LastProcessEvent(IHostEvent* pEvent, IHostRuleEngine* ruleEng) override;
-    bool AfterProcessEvent(unsigned long a, unsigned long b, unsigned long c) override;
+              unsigned long configContentLength) noexcept override;
+    void UnInit() noexcept override;
+    void SetEnable(unsigned long a, unsigned long b) noexcept override;
+    unsigned long FirstProcessEvent(IHostEvent* pEvent, IHostRuleEngine* ruleEng) noexcept override;
+    unsigned long PreProcessEvent(IHostEvent* pEvent, IHostRuleEngine* ruleEng) noexcept override;
+    unsigned long PostProcessEvent(IHostEvent* pEvent, IHostRuleEngine* ruleEng) noexcept override;
+    unsigned long LastProcessEvent(IHostEvent* pEvent, IHostRuleEngine* ruleEng) noexcept override;
+    bool AfterProcessEvent(unsigned long a, unsigned long b, unsigned long c) noexcept override;
 
     // Translates key into its user-level form for the process's user
     // (CRegKeyTranslate::Translate, at most 1023 characters); out receives
@@ -40,9 +40,11 @@ public:
     // Rewrites the key path (and, for a rename, the new key path) of the
     // event's registry request into the user-level form, as fresh copies on
     // the process heap; the old string is freed unless it lives in the
-    // request's inline storage. Error lines "pEvent == nullptr" and
+    // request's inline storage or still held by another of the request's
+    // string fields. Strings in the inline storage are read at most to its
+    // end. Error lines "pEvent == nullptr" and
     // "pReq == nullptr"; true for every request that could be reached.
-    bool TransformEventRegPath(IHostEvent* pEvent);
+    bool TransformEventRegPath(IHostEvent* pEvent) noexcept;
 
     // The file half of event intake (plugin/file_event.cpp). The file a file
     // request ends with: its path, or for a rename its destination (traced);

@@ -12,11 +12,46 @@
 #include <rapidjson/document.h>
 #pragma GCC diagnostic pop
 
+#include <cstdlib>
 #include <cstring>
+#include <new>
 
 namespace kw {
 
 namespace {
+
+// The parser's memory. The JSON library goes on with a null pointer when an
+// allocation fails, so a failure is turned into std::bad_alloc here and
+// caught around the parse. Each parse may take at most g_cbParseLimit bytes in
+// all (counted per thread, never given back): unlimited unless a test sets it.
+size_t g_cbParseLimit = SIZE_MAX;
+thread_local size_t t_cbParseUsed = 0;
+
+struct ParseAllocator {
+    static const bool kNeedFree = true;
+    static void Charge(size_t cb) {
+        if (cb > g_cbParseLimit - t_cbParseUsed) throw std::bad_alloc();
+        t_cbParseUsed += cb;
+    }
+    void* Malloc(size_t size) {
+        if (!size) return nullptr;
+        Charge(size);
+        void* p = std::malloc(size);
+        if (!p) throw std::bad_alloc();
+        return p;
+    }
+    void* Realloc(void* originalPtr, size_t originalSize, size_t newSize) {
+        if (!newSize) {
+            std::free(originalPtr);
+            return nullptr;
+        }
+        if (newSize > originalSize) Charge(newSize - originalSize);
+        void* p = std::realloc(originalPtr, newSize);
+        if (!p) throw std::bad_alloc();  // the old block stays with its owner
+        return p;
+    }
+    static void Free(void* ptr) { std::free(ptr); }
+};
 
 constexpr uint32_t kMaxCheckId = 2;
 
@@ -26,8 +61,8 @@ constexpr size_t kPoolChunkBytes = 1024;
 // 32-bit host thread.
 constexpr unsigned kParseFlags = rapidjson::kParseDefaultFlags | rapidjson::kParseIterativeFlag;
 
-using PoolAllocator = rapidjson::MemoryPoolAllocator<rapidjson::CrtAllocator>;
-using JsonDocument = rapidjson::GenericDocument<rapidjson::UTF8<>, PoolAllocator, rapidjson::CrtAllocator>;
+using PoolAllocator = rapidjson::MemoryPoolAllocator<ParseAllocator>;
+using JsonDocument = rapidjson::GenericDocument<rapidjson::UTF8<>, PoolAllocator, ParseAllocator>;
 using JsonValue = JsonDocument::ValueType;
 
 constexpr size_t kCchSubkeyBuffer = 1024;
@@ -81,6 +116,8 @@ RegRule ReadRule(const JsonValue& obj, const CRuleTextConverter& conv) {
 
 }  // namespace
 
+void SetRuleParseMemoryLimit(size_t cb) noexcept { g_cbParseLimit = cb; }
+
 bool ConfigRuleParse::IsValidRule(const RegRule& rule) noexcept {
     if (rule.ParseID <= 0 || rule.FunctionID <= 0) return false;
     if (rule.CheckID > kMaxCheckId) return false;
@@ -98,8 +135,9 @@ bool ConfigRuleParse::ConfigFileToRegditRule(const std::string& configContent,
                  "ConfigFileToRegditRule ConfigContent.length = 0  Fail:%d", static_cast<int>(err));
         return false;
     }
-    std::string copy(configContent);
-    return Json2RuleArry(copy, ruleTable);
+    // No copy: the parser only reads the text, and a copy of a large text is
+    // one more chance to run out of memory.
+    return Json2RuleArry(configContent, ruleTable);
 }
 
 bool ConfigRuleParse::Json2RuleArry(const std::string& configContent, RuleTable& ruleTable) const {
@@ -111,10 +149,27 @@ bool ConfigRuleParse::Json2RuleArry(const std::string& configContent, RuleTable&
     // host hands over C text, and the parser cannot tell an embedded NUL from
     // the end of its input. A NUL inside the JSON is therefore a parse error,
     // and anything after a NUL that follows a complete document is ignored.
-    doc.Parse<kParseFlags>(configContent.c_str());
-    if (doc.HasParseError()) {
+    rapidjson::StringStream stream(configContent.c_str());
+    int code = rapidjson::kParseErrorNone;
+    size_t offset = 0;
+    t_cbParseUsed = 0;
+    try {
+        doc.ParseStream<kParseFlags>(stream);
+        code = doc.GetParseError();
+        offset = doc.GetErrorOffset();
+        // The iterative parser reports any bad first character as an empty
+        // document; the recursive one (whose codes the trace has always
+        // shown) says "invalid value" unless the text really ends there.
+        if (code == rapidjson::kParseErrorDocumentEmpty && configContent.c_str()[offset] != '\0')
+            code = rapidjson::kParseErrorValueInvalid;
+    } catch (const std::bad_alloc&) {
+        // Out of memory: the parse stops where it stood.
+        code = rapidjson::kParseErrorTermination;
+        offset = stream.Tell();
+    }
+    if (code != rapidjson::kParseErrorNone) {
         KW_ERROR("ConfigRuleParse::Json2RuleArry", "ConfigRuleParse::Json2RuleArry parse json error=%d, offset=%d",
-                 static_cast<int>(doc.GetParseError()), static_cast<int>(doc.GetErrorOffset()));
+                 code, static_cast<int>(offset));
         return false;
     }
     if (!doc.IsObject()) return true;

@@ -16,6 +16,8 @@
 #pragma once
 #include "rules/reg_rule.h"
 
+#include <cstddef>
+#include <cstdint>
 #include <string>
 
 namespace kw {
@@ -29,7 +31,8 @@ public:
 
     // Clears the table and fills it from the text. The text is read up to its
     // first NUL byte (see the .cpp). False on a parse error (error line with
-    // the parser's code and byte offset) or when some element of
+    // the parser's code and byte offset; running out of memory while parsing
+    // is reported as code 16, "terminated", at the offset reached) or when some element of
     // "RegParseConfig" was not a valid rule; the valid rules are stored in
     // every case. A root that is not an object, a missing "RegParseConfig" or
     // one that is not an array gives true and an empty table.
@@ -50,5 +53,10 @@ public:
     // The validation above, on its own.
     static bool IsValidRule(const RegRule& rule) noexcept;
 };
+
+// Caps the memory one parse may allocate, in bytes (SIZE_MAX, the default,
+// for no cap beyond the machine's). A parse that needs more stops as if the
+// machine had run out of memory. For tests of that path.
+void SetRuleParseMemoryLimit(size_t cb) noexcept;
 
 }  // namespace kw

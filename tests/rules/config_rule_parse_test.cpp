@@ -361,7 +361,8 @@ TEST(Json2RuleArry, ParseErrorsMatchTheDefaultParser) {
     const char* texts[] = {"", "   ", "{", "{\"RegParseConfig\":[", "{\"RegParseConfig\":[]} x", "[1,]",
                            "{\"a\":1,}", "/*c*/{}", "{\"a\" 1}", "{\"a\":1 \"b\":2}", "[1 2]", "\"\\uZZZZ\"",
                            "\"\\uD800\"", "\"\\x\"", "\"abc", "1.", "1e", "01", "-", "nul", "[1]]",
-                           "{\"RegParseConfig\":[{\"ParseID\":1}]}}", "1e999999"};
+                           "{\"RegParseConfig\":[{\"ParseID\":1}]}}", "1e999999", "]", "  ]", "}", ",", "x",
+                           "\x01"};
     for (const char* text : texts) {
         SCOPED_TRACE(text);
         rapidjson::Document reference;
@@ -374,6 +375,44 @@ TEST(Json2RuleArry, ParseErrorsMatchTheDefaultParser) {
                                 std::to_wstring(reference.GetParseError()) + L", offset=" +
                                 std::to_wstring(reference.GetErrorOffset());
         EXPECT_EQ(std::vector<std::wstring>{expected}, cap.Texts());
+    }
+}
+
+// Running out of memory while parsing is a parse error (code 16, parsing
+// terminated, at the offset reached), never a fault. The cap stands in for
+// the machine's memory.
+struct MemoryRow {
+    const char* name;
+    size_t cbLimit;
+    bool result;
+    size_t rules;
+};
+
+TEST(Json2RuleArryBadInput, OutOfMemoryWhileParsing) {
+    std::string text = "{\"RegParseConfig\":[";
+    for (int i = 1; i <= 200; ++i)
+        text += (i > 1 ? "," : "") + std::string("{\"ParseID\":") + std::to_string(i) +
+                ",\"FunctionID\":5,\"RegSubkey\":\"" + std::string(100, 'k') + "\"}";
+    text += "]}";
+    const MemoryRow rows[] = {{"no memory at all", 0, false, 0},
+                              {"memory for part of the text", 8192, false, 0},
+                              {"enough memory", 1u << 20, true, 200}};
+    for (const MemoryRow& row : rows) {
+        SCOPED_TRACE(row.name);
+        SetRuleParseMemoryLimit(row.cbLimit);
+        ScopedSink cap;
+        RuleTable table;
+        const bool ok = ConfigRuleParse().Json2RuleArry(text, table);
+        SetRuleParseMemoryLimit(SIZE_MAX);
+        EXPECT_EQ(row.result, ok);
+        EXPECT_EQ(row.rules, table.size());
+        if (row.result) continue;
+        ASSERT_EQ(1u, cap.Texts().size());
+        int offset = -1;
+        ASSERT_EQ(1, swscanf(cap.Texts()[0].c_str(),
+                             LINE_ARRY_ERR L"ConfigRuleParse::Json2RuleArry parse json error=16, offset=%d", &offset))
+            << testing::PrintToString(cap.Texts()[0]);
+        EXPECT_LT(offset, static_cast<int>(text.size()));
     }
 }
 

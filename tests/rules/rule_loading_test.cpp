@@ -25,6 +25,7 @@ namespace {
 #define LINE_EMPTY \
     L"[kwRegAnalyze][ERROR][ConfigRuleParse::ConfigFileToRegditRule] ConfigFileToRegditRule ConfigContent.length = 0  Fail:{n}"
 #define LINE_EX L"[kwRegAnalyze][INFO ][ConfigRuleParse::PRINTF_REGRULE_EX] "
+#define LINE_NO_RULES L"[kwRegAnalyze][ERROR][CKwAutoRunImpl::Init] m_co.LoadParseRules Fail,{n}"
 
 const std::string kOneRule =
     R"({"RegParseConfig":[{"ParseID":5,"FunctionID":5,"CheckID":1,"RegRootkey":2147483650,"RegSubkey":"Software\\x","RegValueName":"v"}]})";
@@ -86,7 +87,8 @@ TEST(CAnalizyOperateInit, SucceedsAndStaysInitialised) {
 }
 
 // ---------------------------------------------------------------------------
-// The engine loads the rules once per process.
+// The engine loads the rules once per process, from the first text that
+// gives a valid rule; every engine reads that one table.
 
 bool InitWith(CKwAutoRunImpl& engine, IHostRuleEngine* host, const std::string& text) {
     return engine.Init(host, text.data(), static_cast<unsigned long>(text.size()));
@@ -114,25 +116,54 @@ KW_CHILD_TEST(RuleLoadingProcess, LoadsOncePerProcess) {
     EXPECT_TRUE(InitWith(engine, &cap.sink, kOtherRule));
     EXPECT_EQ(std::vector<int32_t>{5}, Ids(engine)) << "a second text is not loaded";
 
-    // A second engine of the same process finds the rules loaded: it stays empty.
+    // A second engine of the same process reads the same table.
     CKwAutoRunImpl second;
     EXPECT_TRUE(InitWith(second, &cap.sink, kOtherRule));
-    EXPECT_TRUE(second.GetRules().empty());
+    EXPECT_EQ(std::vector<int32_t>{5}, Ids(second));
     EXPECT_TRUE(cap.Texts().empty());
 }
 
-KW_CHILD_TEST(RuleLoadingProcess, NoTextStillCountsAsLoaded) {
+// Until a text gives a valid rule, each Init (of any engine) loads its own.
+struct TextRow {
+    const char* name;
+    const char* text;  // null: no text at all
+    unsigned long cb;
+    bool result;
+    std::vector<int32_t> ids;
+    std::vector<std::wstring> lines;
+};
+
+KW_CHILD_TEST(RuleLoadingProcess, TextsWithoutRulesDoNotCount) {
+    const TextRow rows[] = {
+        {"no text", nullptr, 100, false, {}, {LINE_EMPTY, LINE_FAIL, LINE_NO_RULES}},
+        {"unparsable text ('n' starts null)", "not json", 8, false, {},
+         {L"[kwRegAnalyze][ERROR][ConfigRuleParse::Json2RuleArry] ConfigRuleParse::Json2RuleArry parse json error=3, offset=1",
+          LINE_FAIL, LINE_NO_RULES}},
+        {"length cuts the text", kOneRule.c_str(), 10, false, {},
+         {L"[kwRegAnalyze][ERROR][ConfigRuleParse::Json2RuleArry] ConfigRuleParse::Json2RuleArry parse json error=11, offset=10",
+          LINE_FAIL, LINE_NO_RULES}},
+        {"leading NUL", "\0{}", 3, false, {},
+         {L"[kwRegAnalyze][ERROR][ConfigRuleParse::Json2RuleArry] ConfigRuleParse::Json2RuleArry parse json error=1, offset=0",
+          LINE_FAIL, LINE_NO_RULES}},
+        {"only invalid rules", R"({"RegParseConfig":[{"ParseID":1}]})", 34, false, {},
+         {L"[kwRegAnalyze][ERROR][ConfigRuleParse::Json2RuleArry] Rule[0] ParseID:1 Not meet the requirement",
+          L"[kwRegAnalyze][INFO ][ConfigRuleParse::PRINTF_REGRULE] parseID:1 FunctionID:0 CheckID:0 ", LINE_FAIL,
+          LINE_NO_RULES}},
+        {"no rule array", "{}", 2, false, {}, {LINE_SUCCESS, LINE_NO_RULES}},
+        {"the first valid rule", kOneRule.c_str(), static_cast<unsigned long>(kOneRule.size()), true, {5},
+         {kOneRuleLine, LINE_SUCCESS}},
+        {"a later text", kOtherRule.c_str(), static_cast<unsigned long>(kOtherRule.size()), true, {5}, {}},
+    };
     ScopedSink cap;
-    CKwAutoRunImpl engine;
-    EXPECT_TRUE(engine.Init(&cap.sink, nullptr, 100));
-    EXPECT_TRUE(AreRulesLoaded());
-    EXPECT_TRUE(engine.GetRules().empty());
-    EXPECT_FALSE(engine.GetParseRule(5, nullptr));
-    ExpectLines({LINE_EMPTY, LINE_FAIL}, cap.Texts());
-    cap.sink.Clear();
-    EXPECT_TRUE(InitWith(engine, &cap.sink, kOneRule));
-    EXPECT_TRUE(engine.GetRules().empty()) << "loading is not retried";
-    EXPECT_TRUE(cap.Texts().empty());
+    for (const TextRow& row : rows) {
+        SCOPED_TRACE(row.name);
+        cap.sink.Clear();
+        CKwAutoRunImpl engine;
+        EXPECT_EQ(row.result, engine.Init(&cap.sink, row.text, row.cb));
+        EXPECT_EQ(row.result, AreRulesLoaded());
+        EXPECT_EQ(row.ids, Ids(engine));
+        ExpectLines(row.lines, cap.Texts());
+    }
 }
 
 KW_CHILD_TEST(RuleLoadingProcess, PartlyValidTextKeepsTheValidRules) {
@@ -148,17 +179,6 @@ KW_CHILD_TEST(RuleLoadingProcess, PartlyValidTextKeepsTheValidRules) {
     EXPECT_TRUE(LineMatches(cap.Texts().back(), LINE_FAIL));
 }
 
-KW_CHILD_TEST(RuleLoadingProcess, UnparsableTextCountsAsLoaded) {
-    ScopedSink cap;
-    CKwAutoRunImpl engine;
-    EXPECT_TRUE(InitWith(engine, &cap.sink, "not json"));  // 'n' starts null
-    EXPECT_TRUE(AreRulesLoaded());
-    EXPECT_TRUE(engine.GetRules().empty());
-    ExpectLines({L"[kwRegAnalyze][ERROR][ConfigRuleParse::Json2RuleArry] ConfigRuleParse::Json2RuleArry parse json error=3, offset=1",
-                 LINE_FAIL},
-                cap.Texts());
-}
-
 // The length the host gives is copied whole; the parser stops at the first NUL.
 KW_CHILD_TEST(RuleLoadingProcess, EmbeddedNulAfterTheDocument) {
     ScopedSink cap;
@@ -167,26 +187,6 @@ KW_CHILD_TEST(RuleLoadingProcess, EmbeddedNulAfterTheDocument) {
     EXPECT_TRUE(InitWith(engine, &cap.sink, text));
     EXPECT_EQ(std::vector<int32_t>{5}, Ids(engine));
     ExpectLines({kOneRuleLine, LINE_SUCCESS}, cap.Texts());
-}
-
-KW_CHILD_TEST(RuleLoadingProcess, LeadingNulIsNotAnEmptyText) {
-    ScopedSink cap;
-    CKwAutoRunImpl engine;
-    EXPECT_TRUE(InitWith(engine, &cap.sink, std::string("\0", 1) + kOneRule));
-    EXPECT_TRUE(engine.GetRules().empty());
-    ExpectLines({L"[kwRegAnalyze][ERROR][ConfigRuleParse::Json2RuleArry] ConfigRuleParse::Json2RuleArry parse json error=1, offset=0",
-                 LINE_FAIL},
-                cap.Texts());
-}
-
-KW_CHILD_TEST(RuleLoadingProcess, LengthBoundsTheText) {
-    ScopedSink cap;
-    CKwAutoRunImpl engine;
-    EXPECT_TRUE(engine.Init(&cap.sink, kOneRule.c_str(), 10));  // {"RegParse
-    EXPECT_TRUE(engine.GetRules().empty());
-    ExpectLines({L"[kwRegAnalyze][ERROR][ConfigRuleParse::Json2RuleArry] ConfigRuleParse::Json2RuleArry parse json error=11, offset=10",
-                 LINE_FAIL},
-                cap.Texts());
 }
 
 KW_CHILD_TEST(RuleLoadingProcess, ConcurrentInitLoadsOnce) {
