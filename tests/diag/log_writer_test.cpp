@@ -452,3 +452,20 @@ TEST(LogWriterIdleCpu, BackgroundWriterUsesNoCpuWhileIdle) {
     // (a busy thread on a loaded machine still gets some of a processor).
     EXPECT_GT(burnMs, 0.0) << "the CPU-time measurement sees no work: " << burnOut;
 }
+
+// Twenty rounds of load, write, stop, unload: the writer's objects go with
+// the module. What the system keeps per load (measured by as many rounds that
+// only load and unload) is not the writer's; a writer left behind would add
+// about a dozen heap blocks per round.
+TEST(LogWriterDll, NothingLeftBehindPerLoadAndUnload) {
+    kwtest::TempDir dir(L"kwlogleak");
+    const std::wstring exe = dir.Path() + L"\\logprobe.exe";
+    ASSERT_TRUE(CopyFileW(ProbePath().c_str(), exe.c_str(), FALSE));
+    ASSERT_TRUE(CopyFileW(BesideTests(L"logprobelib.dll").c_str(),
+                          (dir.Path() + L"\\logprobelib.dll").c_str(), FALSE));
+    dir.File(L"Holmlog.ini", kAsync);
+    ProbeRun run = RunProbe(exe, L"--dll 20", dir.Path());
+    ASSERT_EQ(0, run.exitCode) << run.output;
+    ASSERT_EQ(20, run.Int("dllUnloaded")) << run.output;
+    EXPECT_LT(run.Int("heapGrowth") - run.Int("bareGrowth"), 2 * 19) << run.output;
+}

@@ -16,7 +16,10 @@
 //   --dll N         N rounds of: load logprobelib.dll (beside the probe), write
 //                   "dll<round> #1" and "#2" through it, stop its writer,
 //                   unload it; reports dllUnloaded=<rounds after which the
-//                   module was gone within 5 s>
+//                   module was gone within 5 s>; heapGrowth=<heap blocks in
+//                   use after the last round minus after the first> and
+//                   bareGrowth=<the same for as many rounds that only load and
+//                   unload the DLL>: what the system itself keeps per load
 //   --hold          hold the background writer before the lines: they stay
 //                   queued until a stop or the end of the process
 //   --dll-exit N    load logprobelib.dll, hold its writer, write "dll #1".."#N"
@@ -170,8 +173,37 @@ bool WaitUnloaded(DWORD timeoutMs) {
     return true;
 }
 
+// Blocks in use in every heap of the process.
+long BusyHeapBlocks() {
+    HANDLE heaps[64];
+    DWORD n = GetProcessHeaps(64, heaps);
+    long busy = 0;
+    for (DWORD i = 0; i < n && i < 64; ++i) {
+        if (!HeapLock(heaps[i])) continue;
+        PROCESS_HEAP_ENTRY e{};
+        while (HeapWalk(heaps[i], &e))
+            if (e.wFlags & PROCESS_HEAP_ENTRY_BUSY) ++busy;
+        HeapUnlock(heaps[i]);
+    }
+    return busy;
+}
+
+long BareRounds(int rounds) {
+    long afterFirst = 0;
+    for (int r = 1; r <= rounds; ++r) {
+        HMODULE lib = LoadLibraryW(LibPath().c_str());
+        if (!lib) return -1;
+        FreeLibrary(lib);
+        WaitUnloaded(5000);
+        if (r == 1) afterFirst = BusyHeapBlocks();
+    }
+    return BusyHeapBlocks() - afterFirst;
+}
+
 int DllRounds(int rounds) {
+    printf("bareGrowth=%ld\n", BareRounds(rounds));
     int unloaded = 0;
+    long afterFirst = 0;
     for (int r = 1; r <= rounds; ++r) {
         HMODULE lib = LoadLibraryW(LibPath().c_str());
         if (!lib) return 0;
@@ -183,7 +215,9 @@ int DllRounds(int rounds) {
         stop();
         FreeLibrary(lib);
         if (WaitUnloaded(5000)) ++unloaded;
+        if (r == 1) afterFirst = BusyHeapBlocks();
     }
+    printf("heapGrowth=%ld\n", BusyHeapBlocks() - afterFirst);
     return unloaded;
 }
 
