@@ -15,4 +15,20 @@ HMODULE GetThisModule() noexcept {
                        reinterpret_cast<LPCWSTR>(&SetThisModule), &self);
     return self;
 }
+
+bool IsThisCodeInTheProgram() noexcept {
+    HMODULE self = nullptr;
+    GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS |
+                           GET_MODULE_HANDLE_EX_FLAG_UNCHANGED_REFCOUNT,
+                       reinterpret_cast<LPCWSTR>(&IsThisCodeInTheProgram), &self);
+    return self == GetModuleHandleW(nullptr);
+}
+
+bool IsProcessEnding() noexcept {
+    using RtlDllShutdownInProgressFn = BOOLEAN(WINAPI*)();
+    static const RtlDllShutdownInProgressFn fn =
+        reinterpret_cast<RtlDllShutdownInProgressFn>(reinterpret_cast<void*>(
+            GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "RtlDllShutdownInProgress")));
+    return fn && fn() != FALSE;
+}
 }  // namespace kw

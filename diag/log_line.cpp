@@ -53,40 +53,20 @@ namespace {
 // A narrow argument for %s: never null.
 const char* OrEmpty(const char* s) { return s ? s : ""; }
 
-struct FreeMessage {
-    void operator()(wchar_t* p) const noexcept { ::operator delete[](p, std::nothrow); }
-};
-using MessageBuffer = std::unique_ptr<wchar_t[], FreeMessage>;
-
-// The message buffer: 2 x dataSize wide characters, or null when no object of
-// that size can exist (its byte count must stay within PTRDIFF_MAX) or the
-// allocation fails. The raw allocation function is used because the array
-// form of new reports an impossible size by throwing, even with nothrow.
-MessageBuffer AllocMessageBuffer(int dataSize, size_t& cch) noexcept {
-    cch = 0;
-    if (dataSize <= 0) return nullptr;
-    const size_t want = static_cast<size_t>(dataSize);
-    if (want > static_cast<size_t>(PTRDIFF_MAX) / sizeof(wchar_t) / 2) return nullptr;
-    MessageBuffer buf(
-        static_cast<wchar_t*>(::operator new[](want * 2 * sizeof(wchar_t), std::nothrow)));
-    if (buf) cch = want * 2;
-    return buf;
-}
-
 }  // namespace
 
 bool ComposeLogLineV(std::wstring& line, int level, const SYSTEMTIME& time, int dataSize,
                      int threadId, const char* sourceFile, const char* functionName,
                      int sourceLine, const char* messageFormat, va_list ap) noexcept {
     line.clear();
+    if (dataSize <= 0) return false;
     try {
-        size_t cchMessage = 0;
-        MessageBuffer message = AllocMessageBuffer(dataSize, cchMessage);
-        if (!message) return false;
+        // The message takes what it needs; a longer one is cut to fewer than
+        // 2 x dataSize characters, not rejected.
         va_list cp;
         va_copy(cp, ap);
-        // A longer message is cut to the capacity, not rejected.
-        FormatBoundedV(message.get(), cchMessage, messageFormat ? messageFormat : "", cp);
+        const std::wstring message = FormatWV(messageFormat ? messageFormat : "", cp,
+                                              static_cast<size_t>(dataSize) * 2 - 1);
         va_end(cp);
 
         wchar_t prefix[kCchLogPrefix] = {0};
@@ -96,7 +76,7 @@ bool ComposeLogLineV(std::wstring& line, int level, const SYSTEMTIME& time, int 
         line = LogLevelTag(level);
         line += FormatLogTime(time);
         line += prefix;
-        line += message.get();
+        line += message;
         line += L"\r\n";
         return true;
     } catch (...) {

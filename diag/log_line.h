@@ -39,9 +39,9 @@ std::wstring MakeLogPath(const std::wstring& modulePath, const SYSTEMTIME& date,
 // (kLogModuleName, threadId, sourceFile, functionName, sourceLine; cut to
 // kCchLogPrefix - 1 characters), the message formatted from messageFormat
 // and cut to fewer than 2 x dataSize characters, then "\r\n".
-// The message buffer of 2 x dataSize characters is allocated for the line;
-// false (line left empty) when dataSize is 0 or less, when that size does not
-// fit the address space, or when the allocation fails: the line is dropped.
+// Only what the formatted message needs is allocated, whatever dataSize is;
+// false (line left empty) when dataSize is 0 or less or an allocation fails:
+// the line is dropped.
 bool ComposeLogLineV(std::wstring& line, int level, const SYSTEMTIME& time, int dataSize,
                      int threadId, const char* sourceFile, const char* functionName,
                      int sourceLine, const char* messageFormat, va_list ap) noexcept;

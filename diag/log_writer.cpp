@@ -1,9 +1,11 @@
 #include "diag/log_writer.h"
 
+#include "common/module.h"
 #include "diag/log_line.h"
 #include "diag/log_writer_state.h"
 
 #include <atomic>
+#include <cstdlib>
 #include <new>
 #include <utility>
 
@@ -90,10 +92,31 @@ std::wstring ProcessModulePath() {
     return path;
 }
 
+// Runs when the program exits or the module that holds this code is
+// unloaded (a DLL's exit handlers run when it is unloaded).
+//  - Program exit through exit(): other threads still run; the writer is
+//    asked to write what is queued and leave (bounded wait).
+//  - Process termination: the system has already ended every other thread,
+//    the writer among them; what it had not written is appended from here.
+//  - DLL unload: the writer thread holds a reference to the module, so it has
+//    left already; the writer and its state are freed with the module.
+// Objects are not freed at program exit: threads that still run may write.
+void EndLogWriter() noexcept {
+    CLogWriterState* state = PeekLogWriterState();
+    if (IsProcessEnding()) {
+        if (state) state->WriteRestAfterThreadsEnded();
+        return;
+    }
+    if (state) state->Stop(kStopTimeoutMs);
+    if (IsThisCodeInTheProgram()) return;
+    delete g_writer.exchange(nullptr);
+    ReleaseLogWriterState();
+}
+
 BOOL CALLBACK CreateWriter(PINIT_ONCE, PVOID, PVOID*) {
     try {
-        // Never freed: lines may be written up to the end of the process.
         g_writer.store(new CLogWriter(ProcessModulePath()));
+        atexit(EndLogWriter);
     } catch (...) {
         g_writer.store(nullptr);
     }

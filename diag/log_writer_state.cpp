@@ -1,6 +1,7 @@
 #include "diag/log_writer_state.h"
 
 #include "common/handle.h"
+#include "diag/log_line.h"
 
 #include <climits>
 #include <new>
@@ -26,8 +27,29 @@ namespace kw {
 // If the wait runs out, the thread still holds its module reference, so a
 // later unload is deferred until it has finished. A line written after a stop
 // starts a new writer thread with a reference of its own.
+//
+// The queue is bounded (kMaxQueuedLogLines): a producer never waits for the
+// disk, so while the file cannot keep up new lines are dropped and counted,
+// and the writer reports the count in one line of its own.
 
-CLogWriterState::CLogWriterState() noexcept {
+namespace {
+
+// The line that reports dropped lines, in the layout of every other line.
+std::wstring DropNotice(unsigned long dropped, size_t maxQueued, ...) noexcept {
+    SYSTEMTIME now;
+    GetLocalTime(&now);
+    std::wstring line;
+    va_list ap;
+    va_start(ap, maxQueued);
+    ComposeLogLineV(line, 1, now, 64, static_cast<int>(GetCurrentThreadId()), "log_writer_state",
+                    "CLogWriterState::Push", 0, "log queue full (%lu lines): %lu lines dropped", ap);
+    va_end(ap);
+    return line;
+}
+
+}  // namespace
+
+CLogWriterState::CLogWriterState(size_t maxQueued) noexcept : m_maxQueued(maxQueued) {
     InitializeCriticalSection(&m_queueLock);
     InitializeCriticalSection(&m_fileLock);
     InitializeConditionVariable(&m_wake);
@@ -56,6 +78,10 @@ bool CLogWriterState::WriteNow(const std::wstring& line) noexcept {
 
 void CLogWriterState::Push(std::wstring line) noexcept {
     cs_lock lock(m_queueLock);
+    if (m_queue.size() >= m_maxQueued) {
+        ++m_dropped;
+        return;
+    }
     try {
         m_queue.push_back(std::move(line));
     } catch (...) {
@@ -101,6 +127,12 @@ bool CLogWriterState::IsWriterRunning() noexcept {
     return m_running;
 }
 
+void CLogWriterState::HoldWriter(bool hold) noexcept {
+    cs_lock lock(m_queueLock);
+    m_hold = hold;
+    WakeConditionVariable(&m_wake);
+}
+
 bool CLogWriterState::StartWriterLocked() noexcept {
     HMODULE self = nullptr;
     if (!GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS,
@@ -135,11 +167,10 @@ DWORD WINAPI CLogWriterState::WriterThreadProc(void* param) noexcept {
 }
 
 void CLogWriterState::RunWriter() noexcept {
-    std::deque<std::wstring> batch;
     for (;;) {
         {
             cs_lock lock(m_queueLock);
-            while (m_queue.empty() && !m_stopping)
+            while ((m_queue.empty() || m_hold) && !m_stopping)
                 SleepConditionVariableCS(&m_wake, &m_queueLock, INFINITE);
             if (m_queue.empty()) {
                 // Asked to stop and everything is written: close and leave.
@@ -152,13 +183,72 @@ void CLogWriterState::RunWriter() noexcept {
                 WakeAllConditionVariable(&m_finished);
                 return;
             }
-            batch.swap(m_queue);
+            m_batch.swap(m_queue);
+            m_batchDone = 0;
+            // The drops happened after every line of this batch was queued.
+            m_batchDropped = m_dropped;
+            m_dropped = 0;
         }
-        {
+        for (size_t i = 0; i < m_batch.size(); ++i) {
+            {
+                cs_lock file(m_fileLock);
+                WriteLocked(m_batch[i]);
+            }
+            m_batchDone = i + 1;
+        }
+        if (m_batchDropped != 0) {
+            const std::wstring notice = DropNotice(m_batchDropped, m_maxQueued, m_maxQueued,
+                                                   m_batchDropped);
             cs_lock file(m_fileLock);
-            for (const std::wstring& l : batch) WriteLocked(l);
+            WriteLocked(notice);
         }
-        batch.clear();
+        cs_lock lock(m_queueLock);
+        m_batch.clear();
+        m_batchDone = 0;
+        m_batchDropped = 0;
+    }
+}
+
+namespace {
+
+// Appends a line in the ANSI code page through h, a piece at a time from a
+// buffer on the stack (no allocation: see WriteRestAfterThreadsEnded).
+void AppendAnsi(HANDLE h, const std::wstring& line) noexcept {
+    constexpr size_t kCchPiece = 512;
+    char bytes[kCchPiece * 4];
+    for (size_t pos = 0; pos < line.size();) {
+        size_t cch = line.size() - pos < kCchPiece ? line.size() - pos : kCchPiece;
+        // Never split a surrogate pair between two pieces.
+        if (cch > 1 && IS_HIGH_SURROGATE(line[pos + cch - 1])) --cch;
+        const int cb = WideCharToMultiByte(CP_ACP, 0, line.data() + pos, static_cast<int>(cch),
+                                           bytes, sizeof(bytes), nullptr, nullptr);
+        DWORD written = 0;
+        if (cb > 0) WriteFile(h, bytes, static_cast<DWORD>(cb), &written, nullptr);
+        pos += cch;
+    }
+}
+
+}  // namespace
+
+void CLogWriterState::WriteRestAfterThreadsEnded() noexcept {
+    // Every other thread is gone: a lock still held belongs to a thread that
+    // ended while it held it, and what that lock guards cannot be trusted.
+    if (!TryEnterCriticalSection(&m_queueLock)) return;
+    const size_t done = m_batchDone;
+    if (m_path.empty() || (done >= m_batch.size() && m_queue.empty() && m_dropped == 0)) return;
+    unique_file file(CreateFileW(m_path.c_str(), FILE_APPEND_DATA,
+                                 FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                                 OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
+    if (!file) return;
+    for (size_t i = done; i < m_batch.size(); ++i) AppendAnsi(file.get(), m_batch[i]);
+    for (const std::wstring& l : m_queue) AppendAnsi(file.get(), l);
+    const unsigned long dropped = m_batchDropped + m_dropped;
+    if (dropped != 0) {
+        // The short form: composing the full layout would allocate.
+        wchar_t notice[128] = {0};
+        _snwprintf(notice, 127, L"[ERROR]log queue full (%lu lines): %lu lines dropped\r\n",
+                   static_cast<unsigned long>(m_maxQueued), dropped);
+        AppendAnsi(file.get(), notice);
     }
 }
 
@@ -196,7 +286,6 @@ INIT_ONCE g_stateOnce = INIT_ONCE_STATIC_INIT;
 CLogWriterState* g_state = nullptr;
 
 BOOL CALLBACK CreateState(PINIT_ONCE, PVOID, PVOID*) {
-    // Never freed: see the class comment.
     g_state = new (std::nothrow) CLogWriterState();
     return TRUE;
 }
@@ -205,6 +294,13 @@ BOOL CALLBACK CreateState(PINIT_ONCE, PVOID, PVOID*) {
 CLogWriterState* GetLogWriterState() noexcept {
     InitOnceExecuteOnce(&g_stateOnce, CreateState, nullptr, nullptr);
     return g_state;
+}
+
+CLogWriterState* PeekLogWriterState() noexcept { return g_state; }
+
+void ReleaseLogWriterState() noexcept {
+    delete g_state;
+    g_state = nullptr;
 }
 
 }  // namespace kw

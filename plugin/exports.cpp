@@ -1,6 +1,7 @@
 // The DLL's three exports and its start-up hook. No C++ exception leaves here.
 #include "common/module.h"
 #include "diag/log_writer.h"
+#include "diag/trace.h"
 #include "plugin/func_resolver.h"
 #include "plugin/plug_deep_scan.h"
 
@@ -26,6 +27,11 @@ void ObjectReleased() noexcept {
 
 extern "C" BOOL WINAPI DllMain(HINSTANCE instance, DWORD reason, LPVOID) noexcept {
     if (reason == DLL_PROCESS_ATTACH) SetThisModule(instance);
+    // From here on the module's exit handlers and static destructors run
+    // (after this DllMain returns), under the loader lock and, at process
+    // end, after the host's threads are gone: the host object that receives
+    // the trace lines may already be destroyed. Nothing is traced from here.
+    if (reason == DLL_PROCESS_DETACH) SetLogSink(nullptr);
     return TRUE;
 }
 

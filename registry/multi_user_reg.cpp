@@ -63,7 +63,7 @@ bool ReadProfileImagePath(const std::wstring& sid, std::wstring& path, bool* ent
 CMultiUserRegManager::CMultiUserRegManager() noexcept { InitializeCriticalSection(&m_lock); }
 
 CMultiUserRegManager::~CMultiUserRegManager() {
-    // Each helper unloads what it loaded (and leaves it while the process ends).
+    // No registry work and no trace: hives were unloaded when they were read.
     m_users.clear();
     DeleteCriticalSection(&m_lock);
 }

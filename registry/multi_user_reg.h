@@ -4,8 +4,8 @@
 // that list is looked up in ProfileList again (a profile created since).
 // A user's hive is made available on the first question about that user (see
 // CUserRegHelper): read where it is loaded under HKEY_USERS, else loaded from
-// the profile; what the manager loaded is unloaded when it is destroyed, except
-// while the process is ending.
+// the profile, read and unloaded at once; a failed load is retried on the next
+// question about that user.
 //
 // Thread-safe: one critical section guards the user list and every one-time
 // fill. Refusals are traced under "CMultiUserRegManager::<method>".

@@ -133,16 +133,28 @@ int ShellFolderIdOfValueName(const std::wstring& valueName) {
 CUserRegHelper::CUserRegHelper(const std::wstring& sid, const std::wstring& profilePath)
     : m_strSid(sid), m_strProfile(profilePath) {}
 
-CUserRegHelper::~CUserRegHelper() { UnloadHives(); }
+// Deliberately no registry work here: the destructor of the process-wide
+// manager runs while the module is unloaded, where nothing may be traced.
+// Hives are unloaded by Fill, right after their values are read.
+CUserRegHelper::~CUserRegHelper() = default;
 
 void CUserRegHelper::Fill() {
-    if (m_bFilled) return;
-    LoadHives();
+    if (m_bFilled) {
+        UnloadHives();  // one whose unload failed before (nothing to do otherwise)
+        return;
+    }
+    if (!LoadHives()) {
+        // The hive file is there but could not be loaded (locked while the
+        // user logs off, say): nothing is remembered, the next question tries again.
+        UnloadHives();
+        return;
+    }
     ReadValues();
+    UnloadHives();
     m_bFilled = true;
 }
 
-void CUserRegHelper::LoadHives() {
+bool CUserRegHelper::LoadHives() {
     if (IsUserHiveLoaded(m_strSid)) {
         m_bHive = true;  // the user's hive is already there (logged on, or loaded by others)
     } else if (!m_strProfile.empty()) {
@@ -152,6 +164,8 @@ void CUserRegHelper::LoadHives() {
                      m_strSid.c_str());
         } else if (LoadUserHive(m_strSid, file) == ERROR_SUCCESS) {
             m_bHive = m_bLoadedUser = true;
+        } else {
+            return false;
         }
     }
     const std::wstring classes = m_strSid + kClassesSuffix;
@@ -160,6 +174,7 @@ void CUserRegHelper::LoadHives() {
         if (FileExists(file) && LoadUserHive(classes, file) == ERROR_SUCCESS)
             m_bLoadedClasses = true;
     }
+    return true;
 }
 
 bool CUserRegHelper::LookupBase(const std::wstring& upperName, std::wstring& value) const {
@@ -242,8 +257,6 @@ bool CUserRegHelper::GetVariable(const std::wstring& upperName, std::wstring& ou
 
 void CUserRegHelper::UnloadHives() noexcept {
     if (!m_bLoadedUser && !m_bLoadedClasses) return;
-    // Deliberately left loaded while the process ends: see IsProcessEnding.
-    if (IsProcessEnding()) return;
     try {
         if (m_bLoadedClasses && UnloadUserHive(m_strSid + kClassesSuffix) == ERROR_SUCCESS)
             m_bLoadedClasses = false;

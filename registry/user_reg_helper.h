@@ -4,6 +4,9 @@
 // hive "AppData\Local\Microsoft\Windows\UsrClass.dat" under "<SID>_Classes")
 // and the values read from it once: "Volatile Environment", "Environment" and
 // "Software\Microsoft\Windows\CurrentVersion\Explorer\User Shell Folders".
+// A hive the helper loads is unloaded as soon as those values are read, so
+// none stays mounted; a hive file that cannot be loaded is tried again on the
+// next Fill.
 //
 // Values are expanded for this user: %USERPROFILE% is the profile folder of
 // the ProfileList entry (never the process's), the user's own variables come
@@ -44,7 +47,7 @@ class CUserRegHelper {
 public:
     // sid: the SID text; profilePath: the expanded "ProfileImagePath" (may be empty).
     CUserRegHelper(const std::wstring& sid, const std::wstring& profilePath);
-    // Unloads the hives this helper loaded, unless the process is ending.
+    // Does no registry work (see Fill).
     virtual ~CUserRegHelper();
     CUserRegHelper(const CUserRegHelper&) = delete;
     CUserRegHelper& operator=(const CUserRegHelper&) = delete;
@@ -52,8 +55,10 @@ public:
     const std::wstring& Sid() const { return m_strSid; }
     const std::wstring& ProfilePath() const { return m_strProfile; }
 
-    // Makes the hive available (loading it when needed) and reads the values;
-    // runs once, later calls return at once. May throw std::bad_alloc.
+    // Makes the hive available (loading it when needed), reads the values
+    // and unloads what it loaded. Once the values are read, later calls only
+    // retry an unload that failed; after a failed load nothing is kept and
+    // the next call starts again. May throw std::bad_alloc.
     void Fill();
     bool IsFilled() const { return m_bFilled; }
     bool HasHive() const { return m_bHive; }
@@ -67,11 +72,12 @@ public:
     // folder for the profile id 0x28 when no value is filed). False when none.
     bool GetVariable(const std::wstring& upperName, std::wstring& out) const;
 
-    // Unloads what this helper loaded (skipped while the process is ending).
+    // Unloads what this helper loaded and is still loaded.
     void UnloadHives() noexcept;
 
 private:
-    void LoadHives();
+    // False only when the user's hive file exists and could not be loaded.
+    bool LoadHives();
     void ReadValues();
     bool LookupBase(const std::wstring& upperName, std::wstring& value) const;
     bool LookupUser(const std::wstring& upperName, std::wstring& value) const;

@@ -10,28 +10,32 @@ namespace {
 const wchar_t* const kHivePrivileges[] = {SE_BACKUP_NAME, SE_RESTORE_NAME};
 constexpr DWORD kPrivilegeCount = sizeof(kHivePrivileges) / sizeof(kHivePrivileges[0]);
 
-using RtlDllShutdownInProgressFn = BOOLEAN(WINAPI*)();
-
 }  // namespace
 
 CUserRegPrivilegeScope::CUserRegPrivilegeScope() noexcept {
     static const char kFn[] = "CUserRegPrivilegeScope::CUserRegPrivilegeScope";
-    if (!OpenProcessToken(GetCurrentProcess(), TOKEN_ADJUST_PRIVILEGES | TOKEN_QUERY,
-                          m_token.put())) {
-        KW_ERROR(kFn, "OpenProcessToken failed, error=%lu", GetLastError());
+    // A thread that already impersonates someone gets that token back at the end.
+    if (!OpenThreadToken(GetCurrentThread(), TOKEN_IMPERSONATE, TRUE, m_previousThreadToken.put()) &&
+        GetLastError() != ERROR_NO_TOKEN) {
+        KW_ERROR(kFn, "OpenThreadToken failed, error=%lu", GetLastError());
         return;
     }
-    // TOKEN_PRIVILEGES holds one entry inline; room for the rest follows it.
-    std::vector<BYTE> wanted;
-    try {
-        const size_t cb = sizeof(TOKEN_PRIVILEGES) + kPrivilegeCount * sizeof(LUID_AND_ATTRIBUTES);
-        wanted.assign(cb, 0);
-        m_previous.assign(cb, 0);
-    } catch (...) {
-        KW_ERROR(kFn, "out of memory");
+    // The privileges are enabled on a copy of the process token that only this
+    // thread wears: the process token, which every other thread of the host
+    // uses, is never changed.
+    if (!ImpersonateSelf(SecurityImpersonation)) {
+        KW_ERROR(kFn, "ImpersonateSelf failed, error=%lu", GetLastError());
         return;
     }
-    auto* tp = reinterpret_cast<TOKEN_PRIVILEGES*>(wanted.data());
+    m_bImpersonating = true;
+    kw::unique_handle token;
+    if (!OpenThreadToken(GetCurrentThread(), TOKEN_ADJUST_PRIVILEGES | TOKEN_QUERY, TRUE,
+                         token.put())) {
+        KW_ERROR(kFn, "OpenThreadToken failed, error=%lu", GetLastError());
+        return;
+    }
+    BYTE buffer[sizeof(TOKEN_PRIVILEGES) + kPrivilegeCount * sizeof(LUID_AND_ATTRIBUTES)] = {0};
+    auto* tp = reinterpret_cast<TOKEN_PRIVILEGES*>(buffer);
     tp->PrivilegeCount = kPrivilegeCount;
     for (DWORD i = 0; i < kPrivilegeCount; ++i) {
         if (!LookupPrivilegeValueW(nullptr, kHivePrivileges[i], &tp->Privileges[i].Luid)) {
@@ -41,12 +45,8 @@ CUserRegPrivilegeScope::CUserRegPrivilegeScope() noexcept {
         }
         tp->Privileges[i].Attributes = SE_PRIVILEGE_ENABLED;
     }
-    DWORD cbPrevious = static_cast<DWORD>(m_previous.size());
-    if (!AdjustTokenPrivileges(m_token.get(), FALSE, tp, cbPrevious,
-                               reinterpret_cast<TOKEN_PRIVILEGES*>(m_previous.data()),
-                               &cbPrevious)) {
+    if (!AdjustTokenPrivileges(token.get(), FALSE, tp, 0, nullptr, nullptr)) {
         KW_ERROR(kFn, "AdjustTokenPrivileges failed, error=%lu", GetLastError());
-        m_previous.clear();
         return;
     }
     // AdjustTokenPrivileges succeeds also when the token lacks a privilege.
@@ -58,20 +58,14 @@ CUserRegPrivilegeScope::CUserRegPrivilegeScope() noexcept {
 }
 
 CUserRegPrivilegeScope::~CUserRegPrivilegeScope() {
-    if (!m_token || m_previous.empty()) return;
-    auto* previous = reinterpret_cast<TOKEN_PRIVILEGES*>(m_previous.data());
-    // Only the privileges whose state changed are listed; an empty list is a no-op.
-    if (previous->PrivilegeCount == 0) return;
+    if (!m_bImpersonating) return;
     DWORD err = GetLastError();
-    AdjustTokenPrivileges(m_token.get(), FALSE, previous, 0, nullptr, nullptr);
+    // The thread's copy goes away with the impersonation.
+    if (m_previousThreadToken)
+        SetThreadToken(nullptr, m_previousThreadToken.get());
+    else
+        RevertToSelf();
     SetLastError(err);
-}
-
-bool IsProcessEnding() noexcept {
-    static RtlDllShutdownInProgressFn fn =
-        reinterpret_cast<RtlDllShutdownInProgressFn>(reinterpret_cast<void*>(
-            GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "RtlDllShutdownInProgress")));
-    return fn && fn() != FALSE;
 }
 
 bool IsUserHiveLoaded(const std::wstring& name) noexcept {

@@ -12,10 +12,13 @@
 
 namespace kw_user {
 
-// Enables "SeBackupPrivilege" and "SeRestorePrivilege" on the process token
-// for the scope and puts back their previous state when it ends. Enabled() is
-// false when the token could not be adjusted or does not hold both privileges
-// (traced as "CUserRegPrivilegeScope::CUserRegPrivilegeScope").
+// Enables "SeBackupPrivilege" and "SeRestorePrivilege" for the calling thread
+// only, for the scope: the thread impersonates the process (a copy of the
+// process token) and the privileges are enabled on that copy; at the end the
+// thread gets back the token it had (none, or the one it was impersonating).
+// The process token is never changed. Enabled() is false when the copy could
+// not be made or adjusted or the token does not hold both privileges (traced
+// as "CUserRegPrivilegeScope::CUserRegPrivilegeScope").
 class CUserRegPrivilegeScope {
 public:
     CUserRegPrivilegeScope() noexcept;
@@ -26,15 +29,10 @@ public:
     bool Enabled() const noexcept { return m_bEnabled; }
 
 private:
-    kw::unique_handle m_token;
-    std::vector<BYTE> m_previous;  // TOKEN_PRIVILEGES as they were
+    kw::unique_handle m_previousThreadToken;  // the token the thread impersonated before
+    bool m_bImpersonating = false;
     bool m_bEnabled = false;
 };
-
-// True while the process is terminating (the loader is running the detach
-// notifications of process exit). Hives are then left loaded: other threads
-// are gone and registry work under the loader lock is not safe.
-bool IsProcessEnding() noexcept;
 
 // Whether HKEY_USERS\<name> exists (a hive loaded there, by anyone).
 bool IsUserHiveLoaded(const std::wstring& name) noexcept;

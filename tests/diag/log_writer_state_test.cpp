@@ -180,3 +180,43 @@ TEST_F(LogWriterState, StopRacingWithWritersLosesNothingQueuedBeforeIt) {
     ASSERT_EQ(300u, lines.size());
     for (int i = 0; i < 300; ++i) EXPECT_EQ("p" + std::to_string(i), lines[i]);
 }
+
+// A queue of 3 lines while the writer is held: what is written once it goes on.
+struct OverflowRow {
+    const char* name;
+    int pushed;
+    std::vector<std::string> lines;  // the file's lines; "<n dropped>" stands for the notice
+};
+void PrintTo(const OverflowRow& r, std::ostream* os) { *os << r.name; }
+class LogQueueBound : public ::testing::TestWithParam<OverflowRow> {};
+
+TEST_P(LogQueueBound, FullQueueDropsAndSaysSoOnce) {
+    const OverflowRow& r = GetParam();
+    kwtest::TempDir dir(L"kwlogbound");
+    const std::wstring path = dir.Path() + L"\\bound.log";
+    CLogWriterState state(3);
+    state.SetPath(path);
+    state.HoldWriter(true);
+    for (int i = 1; i <= r.pushed; ++i) state.Push(L"l" + std::to_wstring(i) + L"\r\n");
+    state.HoldWriter(false);
+    ASSERT_TRUE(state.Stop(10000));
+    std::vector<std::string> lines = SplitLines(ReadBytes(path));
+    for (std::string& l : lines) {
+        const size_t at = l.find("::log queue full (3 lines): ");
+        if (l.compare(0, 7, "[ERROR]") == 0 && at != std::string::npos)
+            l = "<" + l.substr(at + 28, l.find(' ', at + 28) - at - 28) + " dropped>";
+    }
+    EXPECT_EQ(r.lines, lines);
+}
+INSTANTIATE_TEST_SUITE_P(
+    Rows, LogQueueBound,
+    ::testing::Values(OverflowRow{"one below the bound", 2, {"l1", "l2"}},
+                      OverflowRow{"at the bound", 3, {"l1", "l2", "l3"}},
+                      OverflowRow{"one past the bound", 4, {"l1", "l2", "l3", "<1 dropped>"}},
+                      OverflowRow{"many past the bound, one notice", 9,
+                                  {"l1", "l2", "l3", "<6 dropped>"}}),
+    [](const ::testing::TestParamInfo<OverflowRow>& i) {
+        std::string s;
+        for (const char* p = i.param.name; *p; ++p) s += isalnum(static_cast<unsigned char>(*p)) ? *p : '_';
+        return s;
+    });

@@ -16,12 +16,20 @@
 //   --dll N         N rounds of: load logprobelib.dll (beside the probe), write
 //                   "dll<round> #1" and "#2" through it, stop its writer,
 //                   unload it; reports dllUnloaded=<rounds after which the
-//                   module was gone within 5 s>
+//                   module was gone within 5 s>; heapGrowth=<heap blocks in
+//                   use after the last round minus after the first> and
+//                   bareGrowth=<the same for as many rounds that only load and
+//                   unload the DLL>: what the system itself keeps per load
+//   --hold          hold the background writer before the lines: they stay
+//                   queued until a stop or the end of the process
+//   --dll-exit N    load logprobelib.dll, hold its writer, write "dll #1".."#N"
+//                   through it and end the process without unloading it
 //   --dll-no-stop   load logprobelib.dll, write "dll #1".."#3", unload it
 //                   without a stop; reports dllLoadedAfterFree=1 while its
 //                   writer thread keeps it mapped, then waits (at most 5 s)
 //                   for the three lines to reach the file
 #include "diag/log_writer.h"
+#include "diag/log_writer_state.h"
 
 #include <windows.h>
 #include <shellapi.h>
@@ -47,6 +55,8 @@ struct Options {
     int burnMs = 0;
     int dllRounds = 0;
     bool dllNoStop = false;
+    bool hold = false;
+    int dllExit = 0;
 };
 
 std::string Utf8(const std::wstring& s) {
@@ -78,6 +88,8 @@ Options ParseOptions() {
         else if (a == L"--burn-ms") o.burnMs = _wtoi(next().c_str());
         else if (a == L"--dll") o.dllRounds = _wtoi(next().c_str());
         else if (a == L"--dll-no-stop") o.dllNoStop = true;
+        else if (a == L"--hold") o.hold = true;
+        else if (a == L"--dll-exit") o.dllExit = _wtoi(next().c_str());
     }
     LocalFree(argv);
     return o;
@@ -161,8 +173,37 @@ bool WaitUnloaded(DWORD timeoutMs) {
     return true;
 }
 
+// Blocks in use in every heap of the process.
+long BusyHeapBlocks() {
+    HANDLE heaps[64];
+    DWORD n = GetProcessHeaps(64, heaps);
+    long busy = 0;
+    for (DWORD i = 0; i < n && i < 64; ++i) {
+        if (!HeapLock(heaps[i])) continue;
+        PROCESS_HEAP_ENTRY e{};
+        while (HeapWalk(heaps[i], &e))
+            if (e.wFlags & PROCESS_HEAP_ENTRY_BUSY) ++busy;
+        HeapUnlock(heaps[i]);
+    }
+    return busy;
+}
+
+long BareRounds(int rounds) {
+    long afterFirst = 0;
+    for (int r = 1; r <= rounds; ++r) {
+        HMODULE lib = LoadLibraryW(LibPath().c_str());
+        if (!lib) return -1;
+        FreeLibrary(lib);
+        WaitUnloaded(5000);
+        if (r == 1) afterFirst = BusyHeapBlocks();
+    }
+    return BusyHeapBlocks() - afterFirst;
+}
+
 int DllRounds(int rounds) {
+    printf("bareGrowth=%ld\n", BareRounds(rounds));
     int unloaded = 0;
+    long afterFirst = 0;
     for (int r = 1; r <= rounds; ++r) {
         HMODULE lib = LoadLibraryW(LibPath().c_str());
         if (!lib) return 0;
@@ -174,7 +215,9 @@ int DllRounds(int rounds) {
         stop();
         FreeLibrary(lib);
         if (WaitUnloaded(5000)) ++unloaded;
+        if (r == 1) afterFirst = BusyHeapBlocks();
     }
+    printf("heapGrowth=%ld\n", BusyHeapBlocks() - afterFirst);
     return unloaded;
 }
 
@@ -206,6 +249,18 @@ bool DllNoStop(const std::wstring& logPath) {
     return true;
 }
 
+// Lines queued in the DLL's writer when the process ends.
+bool DllExit(int lines) {
+    HMODULE lib = LoadLibraryW(LibPath().c_str());
+    if (!lib) return false;
+    auto write = Export<LogProbeWrite_t>(lib, "LogProbeWrite");
+    auto hold = Export<LogProbeStop_t>(lib, "LogProbeHold");
+    if (!write || !hold) return false;
+    hold();
+    for (int i = 1; i <= lines; ++i) write((L"dll #" + std::to_wstring(i)).c_str());
+    return true;
+}
+
 }  // namespace
 
 int main() {
@@ -221,6 +276,11 @@ int main() {
     printf("pid=%lu\ntid=%lu\n", GetCurrentProcessId(), GetCurrentThreadId());
     fflush(stdout);
 
+    if (o.hold) {
+        kw::CLogWriterState* state = kw::GetLogWriterState();
+        if (!state) return 5;
+        state->HoldWriter(true);
+    }
     WriteLines(o, o.text, o.lines);
     if (o.idleMs > 0 || o.burnMs > 0) {
         // Let the writer finish the lines so that only the idle period counts.
@@ -235,6 +295,7 @@ int main() {
     }
     if (o.dllRounds > 0) printf("dllUnloaded=%d\n", DllRounds(o.dllRounds));
     if (o.dllNoStop && !DllNoStop(w->LogPath())) return 4;
+    if (o.dllExit > 0 && !DllExit(o.dllExit)) return 6;
     printf("done=1\n");
     fflush(stdout);
     return 0;

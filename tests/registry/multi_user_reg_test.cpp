@@ -97,15 +97,11 @@ TEST_P(SecondUser, AnswersFromTheLoadedHive) {
         kw::ReplaceAll(expected, L"{PROFILE}", user.Profile());
         kw::ReplaceAll(expected, L"{WINDIR}", WindowsDir());
     }
-    {
-        CMultiUserRegManager manager;
-        EXPECT_EQ(expected, Ask(manager, user.Sid(), r.variable));
-        EXPECT_TRUE(SecondUserProfile::IsLoaded(user.Sid()));
-        EXPECT_TRUE(SecondUserProfile::IsLoaded(user.Sid() + L"_Classes"));
-        EXPECT_TRUE(kwtest::RegKeyExists(HKEY_USERS, user.Sid() + L"_Classes\\KwClassMarker"));
-    }
-    EXPECT_FALSE(SecondUserProfile::IsLoaded(user.Sid())) << "unloaded with the manager";
+    CMultiUserRegManager manager;
+    EXPECT_EQ(expected, Ask(manager, user.Sid(), r.variable));
+    EXPECT_FALSE(SecondUserProfile::IsLoaded(user.Sid())) << "unloaded once its values are read";
     EXPECT_FALSE(SecondUserProfile::IsLoaded(user.Sid() + L"_Classes"));
+    EXPECT_EQ(expected, Ask(manager, user.Sid(), r.variable)) << "answered from what was read";
 }
 
 INSTANTIATE_TEST_SUITE_P(Rows, SecondUser, ::testing::ValuesIn(kSecondUserRows),
@@ -157,6 +153,27 @@ TEST(SecondUserManager, ProfileCreatedAfterTheListWasRead) {
     EXPECT_EQ(user.Temp(), Ask(manager, user.Sid(), L"TEMP"));
     const std::vector<std::wstring> after = manager.GetUserSids();
     EXPECT_EQ(before.size() + 1, after.size());
+}
+
+// A hive file that cannot be loaded (held open, as while its user logs off)
+// is tried again on the next question.
+TEST(SecondUserManager, FailedLoadIsRetriedOnTheNextQuestion) {
+    SecondUserProfile user;
+    ASSERT_TRUE(user.Ready()) << Narrow(user.Error());
+    CMultiUserRegManager manager;
+    {
+        kwtest::RecordingSink sink;
+        kw::SetLogSink(&sink);
+        HANDLE locked = CreateFileW((user.Profile() + L"\\NTUSER.dat").c_str(), GENERIC_READ, 0,
+                                    nullptr, OPEN_EXISTING, 0, nullptr);
+        ASSERT_NE(INVALID_HANDLE_VALUE, locked);
+        EXPECT_EQ(L"<failed>", Ask(manager, user.Sid(), L"TEMP"));
+        CloseHandle(locked);
+        kw::SetLogSink(nullptr);
+        EXPECT_TRUE(sink.Has(L"[CUserRegHelper::LoadHive] RegLoadKeyW"));
+    }
+    EXPECT_EQ(user.Temp(), Ask(manager, user.Sid(), L"TEMP"));
+    EXPECT_FALSE(SecondUserProfile::IsLoaded(user.Sid()));
 }
 
 TEST(SecondUserManager, HiveAlreadyUnderUsersIsReadThereAndLeftLoaded) {
@@ -329,24 +346,61 @@ TEST(ProfileImagePath, ExpandedWithoutTrailingSeparator) {
     EXPECT_FALSE(exists);
 }
 
-TEST(PrivilegeScope, EnablesAndPutsBack) {
-    auto enabled = [](const wchar_t* name) {
-        HANDLE token = nullptr;
-        OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, &token);
-        LUID luid{};
-        LookupPrivilegeValueW(nullptr, name, &luid);
-        PRIVILEGE_SET set{1, PRIVILEGE_SET_ALL_NECESSARY, {{luid, 0}}};
-        BOOL result = FALSE;
-        PrivilegeCheck(token, &set, &result);
-        CloseHandle(token);
-        return result != FALSE;
-    };
-    const bool before = enabled(SE_RESTORE_NAME);
+// Whether a privilege is enabled in a token (the thread's when it has one).
+bool PrivilegeOn(HANDLE token, const wchar_t* name) {
+    LUID luid{};
+    LookupPrivilegeValueW(nullptr, name, &luid);
+    PRIVILEGE_SET set{1, PRIVILEGE_SET_ALL_NECESSARY, {{luid, 0}}};
+    BOOL result = FALSE;
+    PrivilegeCheck(token, &set, &result);
+    return result != FALSE;
+}
+bool ProcessPrivilegeOn(const wchar_t* name) {
+    kw::unique_handle token;
+    OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, token.put());
+    return PrivilegeOn(token.get(), name);
+}
+// The impersonation level of the thread's token; -1 when it has none.
+int ThreadTokenLevel() {
+    kw::unique_handle token;
+    if (!OpenThreadToken(GetCurrentThread(), TOKEN_QUERY, TRUE, token.put())) return -1;
+    SECURITY_IMPERSONATION_LEVEL level{};
+    DWORD cb = 0;
+    GetTokenInformation(token.get(), TokenImpersonationLevel, &level, sizeof(level), &cb);
+    return level;
+}
+
+struct ScopeRow {
+    const char* name;
+    int before;  // the thread's impersonation before the scope: -1 none
+};
+void PrintTo(const ScopeRow& r, std::ostream* os) { *os << r.name; }
+class PrivilegeScope : public ::testing::TestWithParam<ScopeRow> {};
+
+TEST_P(PrivilegeScope, OnTheCallingThreadOnly) {
+    const ScopeRow& r = GetParam();
+    if (r.before >= 0) {
+        ASSERT_TRUE(ImpersonateSelf(static_cast<SECURITY_IMPERSONATION_LEVEL>(r.before)));
+    }
+    const bool processBefore = ProcessPrivilegeOn(SE_RESTORE_NAME);
     {
         kw_user::CUserRegPrivilegeScope scope;
         EXPECT_TRUE(scope.Enabled());
-        EXPECT_TRUE(enabled(SE_RESTORE_NAME));
-        EXPECT_TRUE(enabled(SE_BACKUP_NAME));
+        kw::unique_handle token;
+        ASSERT_TRUE(OpenThreadToken(GetCurrentThread(), TOKEN_QUERY, TRUE, token.put()));
+        EXPECT_TRUE(PrivilegeOn(token.get(), SE_RESTORE_NAME));
+        EXPECT_TRUE(PrivilegeOn(token.get(), SE_BACKUP_NAME));
+        EXPECT_EQ(processBefore, ProcessPrivilegeOn(SE_RESTORE_NAME)) << "process token untouched";
+        bool otherThread = true;
+        std::thread([&] { otherThread = ThreadTokenLevel() == -1; }).join();
+        EXPECT_TRUE(otherThread) << "another thread keeps the process token";
     }
-    EXPECT_EQ(before, enabled(SE_RESTORE_NAME));
+    EXPECT_EQ(r.before, ThreadTokenLevel()) << "the thread gets back what it had";
+    EXPECT_EQ(processBefore, ProcessPrivilegeOn(SE_RESTORE_NAME));
+    RevertToSelf();
 }
+INSTANTIATE_TEST_SUITE_P(
+    Rows, PrivilegeScope,
+    ::testing::Values(ScopeRow{"thread without a token", -1},
+                      ScopeRow{"thread already impersonating", SecurityIdentification}),
+    [](const ::testing::TestParamInfo<ScopeRow>& i) { return RowName(i.param.name); });
