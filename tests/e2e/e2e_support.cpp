@@ -17,6 +17,7 @@ const char* const kRules = R"({"RegParseConfig":[
  {"ParseID":2,"FunctionID":1,"CheckID":1,"RegRootkey":2147483650,"RegSubkey":"SOFTWARE\\Microsoft\\Windows NT\\CurrentVersion\\Winlogon","RegValueName":"Userinit","Parameter1":","},
  {"ParseID":76,"FunctionID":5,"CheckID":0},
  {"ParseID":23,"FunctionID":5,"CheckID":1,"RegRootkey":2147483650,"RegSubkey":"SOFTWARE\\X","RegValueName":"wanted"},
+ {"ParseID":25,"FunctionID":5,"CheckID":2,"RegRootkey":2147483650,"RegSubkey":"SOFTWARE\\kwtest\\*","RegValueName":"DEFAULT_NULL"},
  {"ParseID":30,"FunctionID":12,"CheckID":0}
 ]})";
 
