@@ -72,6 +72,20 @@ TEST(RunKey, MissingFileIsReportedAsWritten) {
     EXPECT_EQ(std::vector<std::wstring>{L"C:\\KWTEST-MISSING\\NOTHERE.EXE"}, targets);
 }
 
+TEST(RunKey, RemotePathIsReportedUntouched) {
+    // A folder named like a program, on a share that only a file test would see:
+    // the folder test of the push would drop it.
+    const std::wstring host = L"kwe2e" + std::to_wstring(GetCurrentProcessId());
+    const std::wstring folder = kwtest::WineUncHostFolder(host);
+    if (folder.empty() || !kwtest::MakeFile(folder + L"\\share\\other.txt") ||
+        !CreateDirectoryW((folder + L"\\share\\dir.exe").c_str(), nullptr))
+        GTEST_SKIP() << "no folder behind a UNC host here";
+    const std::wstring path = L"\\\\" + host + L"\\share\\dir.exe";
+    auto targets = PostSz(kRun, L"Far", path + L" /s", 5);
+    kwtest::RemoveTree(folder);
+    EXPECT_EQ(std::vector<std::wstring>{kwtest::Upper(path)}, targets);
+}
+
 TEST(RunKey, EmptyDataYieldsNothing) {
     EXPECT_TRUE(PostSz(kRun, L"Empty", L"", 5).empty());
 }
