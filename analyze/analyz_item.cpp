@@ -199,12 +199,14 @@ bool CheckRecordKey(const ANALYZE_ITEM* pAnalizy, uint32_t hKey, const std::wstr
 }
 
 // The value-name check both tests end with (no name given: always true). The
-// line reports a mismatch; its wording is kept as log readers know it.
+// names of the default value ("default_null", the empty name) all match each
+// other. The line reports a mismatch; its wording is kept as log readers know it.
 bool CheckValueName(const ANALYZE_ITEM* pAnalizy, const wchar_t* valueName, const char* function,
                     const char* name) {
-    if (valueName &&
-        !EqualsNoCase(valueName, std::wstring(pAnalizy->szValuename,
-                                              LenBounded(pAnalizy->szValuename, kValueNameChars)))) {
+    if (!valueName) return true;
+    const std::wstring wanted(valueName);
+    const std::wstring actual(pAnalizy->szValuename, LenBounded(pAnalizy->szValuename, kValueNameChars));
+    if (!EqualsNoCase(wanted, actual) && !(IsDefaultValueName(wanted) && IsDefaultValueName(actual))) {
         KW_ERROR(function, "%s szValuename null.", name);
         return false;
     }

@@ -20,8 +20,16 @@ uint32_t CAnalizyOperate::AnalyzMulitRegValueAsFilePath(const ANALYZE_ITEM* pAna
     if (oldRaw.size() > 32768) oldRaw.resize(32768);
     const std::vector<std::wstring> before = SplitMultiString(oldRaw);
 
-    uint32_t cb = pAnalizy->dwDataSize > kDataBytes ? kDataBytes : pAnalizy->dwDataSize;
-    std::wstring newRaw(reinterpret_cast<const wchar_t*>(pAnalizy->data), cb / sizeof(wchar_t));
+    // Expandable data holds one string, expanded in place before the analyzer
+    // runs: it ends at its terminator, while the record's data size still
+    // counts the bytes of the text as written.
+    std::wstring newRaw;
+    if (pAnalizy->dwValueType == REG_EXPAND_SZ) {
+        newRaw = RecordDataText(pAnalizy);
+    } else {
+        uint32_t cb = pAnalizy->dwDataSize > kDataBytes ? kDataBytes : pAnalizy->dwDataSize;
+        newRaw.assign(reinterpret_cast<const wchar_t*>(pAnalizy->data), cb / sizeof(wchar_t));
+    }
     for (const std::wstring& s : SplitMultiString(newRaw)) {
         if (!before.empty() && ContainsNoCase(before, s) && !m_bReportAll) continue;
         if (!ReportPiece(pAnalizy, s, false)) return ANALYZ_NO_ENTRY;

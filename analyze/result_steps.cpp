@@ -5,6 +5,7 @@
 
 #include "common/strutil.h"
 #include "registry/easy_clsid.h"
+#include "resolve/parse_file_view.h"
 #include "resolve/wow64.h"
 
 #include <shlwapi.h>
@@ -65,7 +66,9 @@ bool CAnalizyOperate::ReportPiece(const ANALYZE_ITEM* pAnalizy, const std::wstri
 }
 
 int CAnalizyOperate::ExpandShortName(ResultEntry* entry) {
-    if (!entry || entry->filePath.find(L'~') == std::wstring::npos) return 1;
+    // Another machine's path is reported as written: no call may wait on the network.
+    if (!entry || entry->filePath.find(L'~') == std::wstring::npos || IsRemotePath(entry->filePath))
+        return 1;
     wchar_t longPath[512];
     // GetLongPathNameW returns the length without the terminator when it
     // fits, and the size needed (larger than the buffer) when it does not.
@@ -76,7 +79,9 @@ int CAnalizyOperate::ExpandShortName(ResultEntry* entry) {
 
 int CAnalizyOperate::PushNotifyEntry(ResultEntryPtr entry) {
     if (!entry) return 1;
-    if (!m_bKeepDirectories && !entry->filePath.empty() &&
+    // A folder is no target; another machine's path is not tested (the host
+    // decides what to do with it), so that no push waits on the network.
+    if (!m_bKeepDirectories && !entry->filePath.empty() && !IsRemotePath(entry->filePath) &&
         PathIsDirectoryW(entry->filePath.c_str()))
         return 1;
     if (GetWow64Helper()->m_bIsWow64 && !entry->filePath.empty()) {

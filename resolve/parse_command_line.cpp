@@ -35,10 +35,6 @@ bool IsSeparator(wchar_t c) {
     return c == L' ' || c == L'\t' || c == L'\r' || c == L'\n' || c == L',' || c == L';';
 }
 
-// Unquoted paths with spaces are found by joining a failed word with the words
-// before it; the words since the last resolved one are remembered, at most
-// this many.
-constexpr size_t kJoinWindow = 16;
 // Work bounds of one Parse: bare names searched along the whole search path
 // (each costs some hundred file tests) and joined candidates tried. Real
 // command lines stay far below both; a line of thousands of words does not
@@ -88,6 +84,30 @@ std::wstring WindowsDirectory() {
 bool IsUncStart(const std::wstring& s) {
     return s.size() >= 2 && s[0] == L'\\' && s[1] == L'\\' && s.compare(0, 4, L"\\\\?\\") != 0 &&
            s.compare(0, 4, L"\\\\.\\") != 0;
+}
+
+size_t SkipWord(const std::wstring& text, size_t from) {
+    while (from < text.size() && !IsSeparator(text[from]) && text[from] != L'"') ++from;
+    return from;
+}
+
+size_t SkipSeparators(const std::wstring& text, size_t from) {
+    while (from < text.size() && IsSeparator(text[from])) ++from;
+    return from;
+}
+
+// Where an unquoted path on another machine's share ends, without asking the
+// share: at the end of the first run of words from `start` whose name has an
+// extension; at `wordEnd` (the first word alone) when none has one.
+size_t RemoteRunEnd(const std::wstring& text, size_t start, size_t wordEnd) {
+    size_t k = start;
+    while (k < text.size() && text[k] != L'"') {
+        k = SkipWord(text, k);
+        if (k - start >= MAX_PATH) break;
+        if (!PathExtensionOf(text.substr(start, k - start)).empty()) return k;
+        k = SkipSeparators(text, k);
+    }
+    return wordEnd;
 }
 
 // A UNC path that names this machine becomes the local path behind the share.
@@ -149,6 +169,7 @@ int CParseComandLine::Parse(const std::wstring& commandLine, HANDLE hToken, cons
         m_bareSearchBudget = kBareSearchBudget;
         m_bareResults.clear();
         m_joinBudget = kJoinBudget;
+        m_fileTests.clear();
         GetWow64Helper();  // initialised before any redirection pause
 
         std::wstring text = commandLine;
@@ -224,16 +245,20 @@ int CParseComandLine::MyParse(const wchar_t* app, const std::wstring& commandLin
     }
     if (HasUrlEscape(text)) text = UrlUnescapeText(text);
 
-    std::vector<size_t> window;  // starts of the unresolved words since the last hit
-    auto remember = [&window](size_t start) {
+    // Starts of the unresolved words since the last hit that are no paths
+    // themselves (a path word tries its own runs of words, see SearchWordRuns).
+    // A start that lies a whole path length back can begin no file name.
+    std::vector<size_t> window;
+    auto forget = [&window](size_t upTo) {
+        size_t drop = 0;
+        while (drop < window.size() && upTo - window[drop] >= MAX_PATH) ++drop;
+        window.erase(window.begin(), window.begin() + drop);
+    };
+    auto remember = [&window, &forget](size_t start) {
+        forget(start);
         window.push_back(start);
-        if (window.size() > kJoinWindow) window.erase(window.begin());
     };
-    auto wordEnd = [&text](size_t from) {
-        size_t j = from;
-        while (j < text.size() && !IsSeparator(text[j]) && text[j] != L'"') ++j;
-        return j;
-    };
+    auto wordEnd = [&text](size_t from) { return SkipWord(text, from); };
 
     const size_t n = text.size();
     size_t i = 0;
@@ -272,6 +297,7 @@ int CParseComandLine::MyParse(const wchar_t* app, const std::wstring& commandLin
             }
             if (!ok && flag == 0 && TrimBlanks(token).find_first_of(L" \t") != std::wstring::npos)
                 m_lastCmd = TrimBlanks(token);
+            if (rundllLine && i < n && text[i] == L',') entryPointNext = true;
             continue;
         }
 
@@ -314,22 +340,44 @@ int CParseComandLine::MyParse(const wchar_t* app, const std::wstring& commandLin
             i = j;
             continue;
         }
-        const bool ok = MySearchPath(token, files, 0);
+        // A path on another machine's share is taken as written (nothing may
+        // be asked of the share), as far as RemoteRunEnd says.
+        size_t end = j;
+        std::wstring word = token;
+        const bool remote = IsUncStart(token) && IsRemotePath(token);
+        if (remote) {
+            end = RemoteRunEnd(text, i, j);
+            word = text.substr(i, end - i);
+        }
+        // A path word starts the runs of words of an unquoted path with spaces;
+        // when none names a file (and the word can name one at all), the word
+        // alone is resolved as any other, with every extension of the search.
+        const bool pathWord = token.find_first_of(L"\\:") != std::wstring::npos;
+        bool ok = false;
+        bool refused = false;
+        bool joinedRun = false;
+        if (pathWord && !remote) {
+            ok = SearchWordRuns(text, i, files, &end, &joinedRun);
+            refused = !ok && m_lastInvalid;
+        }
+        if (!ok && !refused) ok = MySearchPath(word, files, 0);
+        if (!joinedRun) {
+            if (semicolonBefore)
+                KW_INFO(kMyParseFn, "MySearchPath after semicolon exist=%d, File=%ls", ok ? 1 : 0,
+                        (ok ? m_lastFound : word).c_str());
+            else
+                KW_INFO(kMyParseFn, "MySearchPath exist=%d, File=%ls", ok ? 1 : 0,
+                        (ok ? m_lastFound : word).c_str());
+        }
         if (ok && EqualsNoCase(PathFindFileNameW(m_lastFound.c_str()), L"rundll32.exe")) rundllLine = true;
-        if (ok && rundllLine && j < n && text[j] == L',') entryPointNext = true;
-        if (semicolonBefore)
-            KW_INFO(kMyParseFn, "MySearchPath after semicolon exist=%d, File=%ls", ok ? 1 : 0,
-                    (ok ? m_lastFound : token).c_str());
-        else
-            KW_INFO(kMyParseFn, "MySearchPath exist=%d, File=%ls", ok ? 1 : 0,
-                    (ok ? m_lastFound : token).c_str());
+        if (rundllLine && end < n && text[end] == L',') entryPointNext = true;
         if (ok) {
             window.clear();
         } else {
-            // As process creation does for an unquoted path with spaces: the
-            // failed word may end a path that began at an earlier word. The
-            // earliest start is tried first; shorter runs from that start were
-            // tried when their last word failed.
+            // The failed word may end a relative path that began at an earlier
+            // bare word ("Some App\app.exe"). The earliest start is tried first;
+            // shorter runs from that start were tried when their last word failed.
+            forget(j);
             bool joined = false;
             for (size_t start : window) {
                 if (m_joinBudget == 0) break;
@@ -345,12 +393,48 @@ int CParseComandLine::MyParse(const wchar_t* app, const std::wstring& commandLin
             }
             if (joined)
                 window.clear();
-            else
+            else if (!pathWord)
                 remember(i);
         }
-        i = j;
+        i = end;
     }
     return static_cast<int>(files.size() - before);
+}
+
+bool CParseComandLine::SearchWordRuns(const std::wstring& text, size_t start,
+                                      std::list<std::wstring>& files, size_t* end, bool* joined) {
+    // As process creation runs an unquoted path with spaces: the runs of words
+    // from `start`, shortest first, each ending before a separator and tried as
+    // given and with ".exe"; the first that names a file is the file, and its
+    // words are not resolved on their own. Runs stop at a quote, at the path
+    // length limit and at a run that no file name can be. Runs of several words
+    // trace each try; `end` and `joined` tell where and whether one was found.
+    const size_t n = text.size();
+    *joined = false;
+    size_t k = SkipWord(text, start);
+    const std::wstring first = text.substr(start, k - start);
+    if (MySearchPath(first, files, SEARCH_JOINED)) {
+        *end = k;
+        return true;
+    }
+    const bool firstInvalid = m_lastInvalid;
+    while (!m_lastInvalid) {  // every longer run would hold the same fault
+        k = SkipSeparators(text, k);
+        if (k >= n || text[k] == L'"') break;
+        k = SkipWord(text, k);
+        if (k - start >= MAX_PATH || m_joinBudget == 0) break;
+        --m_joinBudget;
+        const std::wstring run = text.substr(start, k - start);
+        const bool ok = MySearchPath(run, files, SEARCH_JOINED);
+        KW_INFO(kMyParseFn, "MySearchPath 4 exist=%d, File=%ls", ok ? 1 : 0, (ok ? m_lastFound : run).c_str());
+        if (ok) {
+            *end = k;
+            *joined = true;
+            return true;
+        }
+    }
+    m_lastInvalid = firstInvalid;  // the first word's verdict, for the caller
+    return false;
 }
 
 void CParseComandLine::ResolveClsid(const std::wstring& clsidText, std::list<std::wstring>& files,
@@ -372,6 +456,7 @@ void CParseComandLine::ResolveClsid(const std::wstring& clsidText, std::list<std
 bool CParseComandLine::MySearchPath(const std::wstring& candidate, std::list<std::wstring>& files,
                                     DWORD flag) {
     m_lastFound.clear();
+    m_lastInvalid = false;
     std::wstring c = StripQuotes(candidate);
     if (c.empty()) return false;
     if (StartsWithNoCase(c, L"file:")) c = FileUrlToPath(c);
@@ -388,56 +473,63 @@ bool CParseComandLine::MySearchPath(const std::wstring& candidate, std::list<std
         if (UncToLocal(c, local))
             c = local;
         else
-            remote = true;
+            remote = IsRemotePath(c);
     }
     if (!IsValidFileCandidate(c)) {
+        m_lastInvalid = true;
         KW_INFO(kSearchFn, "Skip %ls: invalid file name", c.c_str());
         return false;
     }
     if (c[0] != L'%' && c[0] != L'-' && EqualsNoCase(c, L"netsvcs")) return false;
-    // Another machine's share is not scanned from here, and no file test may
-    // wait on the network.
-    if (remote) return false;
 
     std::wstring found;
-    if (!ResolveCandidate(c, (flag & SEARCH_JOINED) == 0, found)) return false;
-    if (found.find(L'~') != std::wstring::npos) found = LongPathInView(found, View32());
+    if (remote) {
+        // Another machine's file is reported as written and never tested, so
+        // that nothing waits on the network: the host decides what to do with
+        // it. A share alone names no file.
+        std::wstring host, share, rest;
+        if (!SplitUncPath(c, host, share, rest) || rest.size() < 2) return false;
+        found = c;
+    } else {
+        if (!ResolveCandidate(c, flag, found)) return false;
+        if (found.find(L'~') != std::wstring::npos) found = LongPathInView(found, View32());
+    }
     m_lastFound = found;
     if (!ListHolds(files, found)) files.push_back(found);
     return true;
 }
 
-bool CParseComandLine::ResolveCandidate(const std::wstring& c, bool bareSearch,
-                                        std::wstring& found) {
+bool CParseComandLine::ResolveCandidate(const std::wstring& c, DWORD flag, std::wstring& found) {
     const bool hasExt = !PathExtensionOf(c).empty();
+    const bool joined = (flag & SEARCH_JOINED) != 0;
     // Fully qualified: as it stands (and, without extension, as the loader and
     // the shell complete it).
     if (c.size() >= 2 && IsAsciiLetter(c[0]) && c[1] == L':') {
         // "C:x.exe" is relative to a drive's current directory: no file of ours.
         if (c.size() < 3 || c[2] != L'\\') return false;
-        return TryWithExtensions(c, hasExt, found);
+        return TryWithExtensions(c, hasExt, found, joined);
     }
-    if (c.compare(0, 2, L"\\\\") == 0) return TryWithExtensions(c, hasExt, found);
+    if (c.compare(0, 2, L"\\\\") == 0) return TryWithExtensions(c, hasExt, found, joined);
     // Rooted without a drive: the system drive, where the Windows directory is.
     if (c[0] == L'\\') {
         const std::wstring win = WindowsDirectory();
         if (win.size() < 2) return false;
-        return TryWithExtensions(win.substr(0, 2) + c, hasExt, found);
+        return TryWithExtensions(win.substr(0, 2) + c, hasExt, found, joined);
     }
     // The current directory of this process says nothing about the process that
     // will run the command, so relative names are never tried against it.
     if (c.find(L'\\') != std::wstring::npos) {
         // Relative with folders: the caller's folder, then the Windows directory
         // (service and driver images are written as "system32\drivers\x.sys").
-        if (!m_overridePath.empty() && TryWithExtensions(JoinPath(m_overridePath, c), hasExt, found))
+        if (!m_overridePath.empty() && TryWithExtensions(JoinPath(m_overridePath, c), hasExt, found, joined))
             return true;
         const std::wstring win = WindowsDirectory();
-        return !win.empty() && TryWithExtensions(JoinPath(win, c), hasExt, found);
+        return !win.empty() && TryWithExtensions(JoinPath(win, c), hasExt, found, joined);
     }
     // An interpreter command (START, COPY, ...) has no file, whatever a search
     // might turn up.
     if (!hasExt && IsInternalCommandName(c)) return false;
-    if (!bareSearch) return false;
+    if (joined) return false;
     // A word met again in the same command line is answered from the first search.
     const std::wstring key = ToUpper(c);
     auto known = m_bareResults.find(key);
@@ -473,9 +565,11 @@ bool CParseComandLine::SearchBareName(const std::wstring& c, bool hasExt, std::w
     for (const std::wstring& f : SystemSearchFolders(v32)) add(f);
     for (const std::wstring& piece : SplitAny(ReadEnvironmentVariable(L"PATH"), L";")) {
         std::wstring f = StripQuotes(piece);
-        // Relative PATH entries would depend on the current directory.
+        // Relative PATH entries would depend on the current directory; a folder
+        // on another machine's share is skipped untouched, so that no search
+        // waits on the network.
         if ((f.size() >= 3 && IsAsciiLetter(f[0]) && f[1] == L':' && f[2] == L'\\') ||
-            f.compare(0, 2, L"\\\\") == 0)
+            (f.compare(0, 2, L"\\\\") == 0 && !IsRemotePath(f)))
             add(f);
     }
     {
@@ -495,24 +589,35 @@ bool CParseComandLine::SearchBareName(const std::wstring& c, bool hasExt, std::w
 }
 
 bool CParseComandLine::TryWithExtensions(const std::wstring& path, bool hasExtension,
-                                         std::wstring& found) {
-    const BOOL v32 = View32() ? TRUE : FALSE;
-    const std::wstring p = PathInView(path, v32);
+                                         std::wstring& found, bool exeOnly) {
+    const std::wstring p = PathInView(path, View32() ? TRUE : FALSE);
     if (p.size() >= MAX_PATH) return false;
-    if (IsFileInView(p, v32)) {
+    if (IsFileOnce(p)) {
         found = p;
         return true;
     }
     if (hasExtension) return false;
-    for (const std::wstring& ext : ExtensionsToTry()) {
+    static const std::vector<std::wstring> kExe{L".exe"};
+    for (const std::wstring& ext : exeOnly ? kExe : ExtensionsToTry()) {
         const std::wstring q = p + ext;
         if (q.size() >= MAX_PATH) continue;
-        if (IsFileInView(q, v32)) {
+        if (IsFileOnce(q)) {
             found = q;
             return true;
         }
     }
     return false;
+}
+
+bool CParseComandLine::IsFileOnce(const std::wstring& path) {
+    // A word is tried alone, in runs and along the search path: each file is
+    // asked for once per parse.
+    const std::wstring key = ToUpper(path);
+    auto known = m_fileTests.find(key);
+    if (known != m_fileTests.end()) return known->second;
+    const bool ok = IsFileInView(path, View32() ? TRUE : FALSE);
+    m_fileTests.emplace(key, ok);
+    return ok;
 }
 
 const std::vector<std::wstring>& CParseComandLine::ExtensionsToTry() {

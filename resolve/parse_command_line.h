@@ -46,7 +46,10 @@ public:
                 std::list<std::wstring>& files, DWORD flag);
     // Resolves one candidate to an existing file and appends it (unless the
     // list holds it already). `flag`: SEARCH_JOINED for a candidate made of
-    // several tokens of an unquoted path with spaces.
+    // several words of an unquoted path with spaces: tried as given and with
+    // ".exe" only, as process creation does, never along the search path. A
+    // path on another machine's share is appended as written, without any file
+    // test.
     bool MySearchPath(const std::wstring& candidate, std::list<std::wstring>& files, DWORD flag);
 
     enum : DWORD { SEARCH_JOINED = 1 };
@@ -56,9 +59,13 @@ public:
 
 private:
     bool View32() const { return m_bWow64Parse == 1; }
-    bool ResolveCandidate(const std::wstring& candidate, bool bareSearch, std::wstring& found);
+    bool ResolveCandidate(const std::wstring& candidate, DWORD flag, std::wstring& found);
     bool SearchBareName(const std::wstring& name, bool hasExtension, std::wstring& found);
-    bool TryWithExtensions(const std::wstring& path, bool hasExtension, std::wstring& found);
+    bool TryWithExtensions(const std::wstring& path, bool hasExtension, std::wstring& found,
+                           bool exeOnly = false);
+    bool IsFileOnce(const std::wstring& path);
+    bool SearchWordRuns(const std::wstring& text, size_t start, std::list<std::wstring>& files,
+                        size_t* end, bool* joined);
     bool TryAppPaths(const std::wstring& name, bool hasExtension, std::wstring& found);
     const std::vector<std::wstring>& ExtensionsToTry();
     void ResolveClsid(const std::wstring& clsidText, std::list<std::wstring>& files, DWORD flag);
@@ -69,6 +76,8 @@ private:
     BOOL m_bWow64Expand = 0;
     std::wstring m_lastCmd;
     std::wstring m_lastFound;  // what the last successful MySearchPath found
+    bool m_lastInvalid = false;  // the last MySearchPath refused a name no file can have
+    std::map<std::wstring, bool> m_fileTests;  // upper-cased path -> exists, in this view
     std::vector<std::wstring> m_extensions;  // PATHEXT, then .exe and .dll
     bool m_extensionsRead = false;
     unsigned m_bareSearchBudget = 0;

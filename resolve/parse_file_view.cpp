@@ -1,6 +1,8 @@
 #include "resolve/parse_file_view.h"
 
 #include "common/handle.h"
+#include "common/strutil.h"
+#include "diag/host_network_info.h"
 #include "resolve/wow64.h"
 
 #include <shlwapi.h>
@@ -44,8 +46,28 @@ DWORD AttributesInView(const std::wstring& path, BOOL bWow64View) {
 
 }  // namespace
 
+bool IsRemotePath(const std::wstring& path) {
+    auto isSlash = [](wchar_t c) { return c == L'\\' || c == L'/'; };
+    size_t hostStart;
+    if (StartsWithNoCase(path, L"\\\\?\\UNC\\")) {
+        hostStart = 8;
+    } else if (path.size() >= 2 && isSlash(path[0]) && isSlash(path[1]) &&
+               !(path.size() >= 3 && (path[2] == L'?' || path[2] == L'.'))) {
+        hostStart = 2;
+    } else {
+        return false;
+    }
+    size_t hostEnd = path.find_first_of(L"\\/", hostStart);
+    if (hostEnd == std::wstring::npos) hostEnd = path.size();
+    const std::wstring host = path.substr(hostStart, hostEnd - hostStart);
+    if (host.empty()) return true;  // names no machine: nothing to touch either
+    CHostNetworkInfo* info = GetHostNetworkInfo();
+    // The terminator is compared too: only a whole local name makes it local.
+    return !(info && info->IsLocalHost(host.c_str(), host.size() + 1, true));
+}
+
 bool IsFileInView(const std::wstring& path, BOOL bWow64View) {
-    if (path.empty() || path.size() >= 32767) return false;
+    if (path.empty() || path.size() >= 32767 || IsRemotePath(path)) return false;
     DWORD attr = AttributesInView(path, bWow64View);
     return attr != INVALID_FILE_ATTRIBUTES && !(attr & FILE_ATTRIBUTE_DIRECTORY);
 }
@@ -58,6 +80,7 @@ std::wstring PathInView(const std::wstring& path, BOOL bWow64View) {
 }
 
 std::wstring LongPathInView(const std::wstring& path, BOOL bWow64View) {
+    if (IsRemotePath(path)) return path;
     wchar_t buf[MAX_PATH] = {0};
     DWORD n = 0;
     {

@@ -14,15 +14,22 @@
 
 namespace kw {
 
-// True when `path` names an existing file (not a folder) in the view.
+// True for a UNC path ("\\host\...", "//host/...", "\\?\UNC\host\...") whose
+// host is not this machine by one of its exact names (host name, IPv4
+// address, "localhost"). Text only: such a path is never handed to the file
+// system here, so that no test waits on the network.
+bool IsRemotePath(const std::wstring& path);
+
+// True when `path` names an existing file (not a folder) in the view. A remote
+// path is not tested: false.
 bool IsFileInView(const std::wstring& path, BOOL bWow64View);
 
 // The path as the view names it: System32 rewritten to SysWow64 in the 32-bit
 // view on WOW64, unchanged otherwise.
 std::wstring PathInView(const std::wstring& path, BOOL bWow64View);
 
-// GetLongPathNameW in the view; the path unchanged when that fails or the long
-// form does not fit 260 characters.
+// GetLongPathNameW in the view; the path unchanged when that fails, when the long
+// form does not fit 260 characters, or when the path is remote.
 std::wstring LongPathInView(const std::wstring& path, BOOL bWow64View);
 
 // The system folders in the loader's order for the view: the system directory

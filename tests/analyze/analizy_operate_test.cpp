@@ -245,6 +245,7 @@ struct KeyTestRow {
     const wchar_t* pattern;
     const wchar_t* valueName;
     const wchar_t* line;  // the whole error line, or null for a match
+    const wchar_t* recordName = L"v";  // the record's value name
 };
 
 TEST_F(AnalyzItemTest, KeyPathTestLines) {
@@ -263,12 +264,21 @@ TEST_F(AnalyzItemTest, KeyPathTestLines) {
         {"short: value name differs", true, KW_HKEY_LOCAL_MACHINE, L"SOFTWARE", L"other",
          L"[kwRegAnalyze][ERROR][CAnalizyOperate::TestShortRegKeyPathName] TestShortRegKeyPathName szValuename null."},
         {"short: match one level below", true, KW_HKEY_LOCAL_MACHINE, L"SOFTWARE\\*", L"v", nullptr},
+        {"default_null names the default value", false, KW_HKEY_LOCAL_MACHINE, L"SOFTWARE\\*", L"Default_NULL",
+         nullptr, L""},
+        {"short: default_null names the default value", true, KW_HKEY_LOCAL_MACHINE, L"SOFTWARE\\*",
+         L"default_null", nullptr, L""},
+        {"default_null is not a named value", false, KW_HKEY_LOCAL_MACHINE, L"SOFTWARE\\*", L"default_null",
+         L"[kwRegAnalyze][ERROR][CAnalizyOperate::TestRegKeyPathName] TestRegKeyPathName szValuename null."},
+        {"short: a named rule does not take the default value", true, KW_HKEY_LOCAL_MACHINE, L"SOFTWARE\\*",
+         L"v", L"[kwRegAnalyze][ERROR][CAnalizyOperate::TestShortRegKeyPathName] TestShortRegKeyPathName szValuename null.",
+         L""},
     };
     for (const auto& r : rows) {
         SCOPED_TRACE(r.name);
         sink.Clear();
         CAnalizyOperate op;
-        auto item = MakeItem(9, 16, L"SOFTWARE\\x\\y", L"v", L"a");
+        auto item = MakeItem(9, 16, L"SOFTWARE\\x\\y", r.recordName, L"a");
         bool ok = r.useShort ? op.TestShortRegKeyPathName(item.get(), r.root, r.pattern, 1, r.valueName)
                              : op.TestRegKeyPathName(item.get(), r.root, r.pattern, r.valueName);
         EXPECT_EQ(r.line == nullptr, ok);

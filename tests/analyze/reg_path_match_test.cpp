@@ -70,3 +70,22 @@ TEST(FindPatternEnd, EndAndWrapAround) {
     // A tail that is not found: npos + its length, wrapped (deliberately kept).
     EXPECT_EQ(kNoPos + 8, FindPatternEnd(L"software\\classes\\txtfile\\other", pattern, true));
 }
+
+TEST(IsDefaultValueName, Table) {
+    const struct {
+        const char* name;
+        const wchar_t* text;
+        bool expected;
+    } rows[] = {
+        {"empty name", L"", true},
+        {"the word", L"default_null", true},
+        {"the word in other case", L"DEFAULT_Null", true},
+        {"one character short", L"default_nul", false},
+        {"one character more", L"default_null ", false},
+        {"an ordinary name", L"Shell", false},
+    };
+    for (const auto& r : rows) {
+        SCOPED_TRACE(r.name);
+        EXPECT_EQ(r.expected, IsDefaultValueName(r.text));
+    }
+}

@@ -72,6 +72,20 @@ TEST(RunKey, MissingFileIsReportedAsWritten) {
     EXPECT_EQ(std::vector<std::wstring>{L"C:\\KWTEST-MISSING\\NOTHERE.EXE"}, targets);
 }
 
+TEST(RunKey, RemotePathIsReportedUntouched) {
+    // A folder named like a program, on a share that only a file test would see:
+    // the folder test of the push would drop it.
+    const std::wstring host = L"kwe2e" + std::to_wstring(GetCurrentProcessId());
+    const std::wstring folder = kwtest::WineUncHostFolder(host);
+    if (folder.empty() || !kwtest::MakeFile(folder + L"\\share\\other.txt") ||
+        !CreateDirectoryW((folder + L"\\share\\dir.exe").c_str(), nullptr))
+        GTEST_SKIP() << "no folder behind a UNC host here";
+    const std::wstring path = L"\\\\" + host + L"\\share\\dir.exe";
+    auto targets = PostSz(kRun, L"Far", path + L" /s", 5);
+    kwtest::RemoveTree(folder);
+    EXPECT_EQ(std::vector<std::wstring>{kwtest::Upper(path)}, targets);
+}
+
 TEST(RunKey, EmptyDataYieldsNothing) {
     EXPECT_TRUE(PostSz(kRun, L"Empty", L"", 5).empty());
 }
@@ -138,6 +152,24 @@ TEST(MultiString, MissingFinalNulsTolerated) {
     EXPECT_EQ(std::vector<std::wstring>{kwtest::Upper(a)}, Post(*ev, 14));
 }
 
+TEST(MultiString, ExpandableDataIsSplitAfterExpansion) {
+    wchar_t pf[MAX_PATH] = {0};
+    if (!GetEnvironmentVariableW(L"ProgramW6432", pf, MAX_PATH)) GetEnvironmentVariableW(L"ProgramFiles", pf, MAX_PATH);
+    const struct {
+        const char* name;
+        std::wstring data;
+        std::wstring expected;
+    } rows[] = {
+        {"expansion shorter than the text", L"%SystemRoot%\\kw.exe", kwtest::WindowsDir() + L"\\kw.exe"},
+        {"expansion longer than the text", L"%ProgramFiles%\\kw.exe", std::wstring(pf) + L"\\kw.exe"},
+    };
+    for (const auto& r : rows) {
+        SCOPED_TRACE(r.name);
+        EXPECT_EQ(std::vector<std::wstring>{kwtest::Upper(r.expected)},
+                  PostSz(L"HKEY_LOCAL_MACHINE\\SOFTWARE\\kwtest-none", L"List", r.data, 14, REG_EXPAND_SZ));
+    }
+}
+
 TEST(SplitByCharset, UserinitReportsOnlyWhatIsNew) {
     kwtest::TempDir dir;
     std::wstring evil = dir.File(L"evil.exe");
@@ -194,4 +226,12 @@ TEST(PatternRule, ValueNameMustMatchIgnoringCase) {
     EXPECT_EQ(std::vector<std::wstring>{kwtest::Upper(exe)},
               PostSz(L"HKEY_LOCAL_MACHINE\\Elsewhere", L"WANTED", exe, 23));
     EXPECT_TRUE(PostSz(L"HKEY_LOCAL_MACHINE\\Elsewhere", L"other", exe, 23).empty());
+}
+
+TEST(PatternRule, DefaultNullNamesTheDefaultValue) {
+    kwtest::TempDir dir;
+    std::wstring exe = dir.File(L"def.exe");
+    const std::wstring key = L"HKEY_LOCAL_MACHINE\\SOFTWARE\\kwtest\\Def";
+    EXPECT_EQ(std::vector<std::wstring>{kwtest::Upper(exe)}, PostSz(key, L"", exe, 25));
+    EXPECT_TRUE(PostSz(key, L"named", exe, 25).empty());
 }

@@ -105,6 +105,7 @@ struct World {
     std::wstring u;  // unique part of every name
     std::unique_ptr<kwtest::TempDir> temp;
     std::wstring T, PF, PF86, SYS, WOW, WIN, EXT, PROGID, CLSID, CLSID2, CLSID32;
+    std::wstring UNC;  // \\host\share of a share that only a file test would see (Wine)
     std::vector<std::wstring> nativeFiles;  // created in the 64-bit System32
     std::vector<std::wstring> trees;        // folders outside the temp folder
     std::vector<std::pair<HKEY, std::wstring>> keys;
@@ -134,6 +135,16 @@ struct World {
                                  L"order\\pick.bat", L"order\\pick.exe"})
             temp->File(f);
         temp->File(L"kwbare" + u + L".dll");
+        temp->File(L"Acme Windows explorer.exe");
+        temp->File(L"a b c d e f g h i j k l m n o p q\\x.exe");    // 17 words
+        temp->File(L"a b c d e f g h i j k l m n o p q r\\x.exe");  // 18 words
+        UNC = L"\\\\kwunc" + u + L"\\share";
+        const std::wstring uncFolder = kwtest::WineUncHostFolder(L"kwunc" + u);
+        if (!uncFolder.empty()) {
+            kwtest::MakeFile(uncFolder + L"\\share\\tool.exe");
+            kwtest::MakeFile(uncFolder + L"\\share\\kwremote" + u + L".exe");
+            trees.push_back(uncFolder);
+        }
         kwtest::MakeFile(PF + L"\\Some App\\app.exe");
         kwtest::MakeFile(PF + L"\\Some App\\data\\in.dll");
         kwtest::MakeFile(PF86 + L"\\Some App\\app.exe");
@@ -214,7 +225,7 @@ struct World {
             {L"{TURL}", turl},        {L"{T}", T},       {L"{PF86}", PF86},   {L"{PF}", PF},
             {L"{SYS}", SYS},          {L"{WOW}", WOW},   {L"{WIN}", WIN},     {L"{U}", u},
             {L"{EXT}", EXT},          {L"{CLSID2}", CLSID2}, {L"{CLSID32}", CLSID32},
-            {L"{CLSIDSHORT}", shortClsid}, {L"{CLSID}", CLSID},
+            {L"{CLSIDSHORT}", shortClsid}, {L"{CLSID}", CLSID}, {L"{UNC}", UNC},
         };
         for (const auto& m : map) kw::ReplaceAll(s, m.first, m.second);
         return s;
@@ -352,6 +363,23 @@ const Row kResolution[] = {
     {"long-path prefix", L"\\\\?\\{T}\\tools\\cfg.exe", 0, L"", {L"\\\\?\\{T}\\tools\\cfg.exe"}, {}, false},
     {"path without extension completed", L"{T}\\tools\\cfg", 0, L"", {L"{T}\\tools\\cfg.exe"}, {}, false},
     {"forward slashes", L"{TURL}/tools/cfg.exe", 0, L"", {L"{T}\\tools\\cfg.exe"}, {}, false},
+    {"joined path wins over a system program named by its last word", L"{T}\\Acme Windows explorer.exe", 0, L"",
+     {L"{T}\\Acme Windows explorer.exe"}, {L"{SYS}\\explorer.exe"}, false},
+    {"unquoted path of 17 words and an option", L"{T}\\a b c d e f g h i j k l m n o p q\\x /s", 0, L"",
+     {L"{T}\\a b c d e f g h i j k l m n o p q\\x.exe"}, {}, false},
+    {"unquoted path of 18 words and an option", L"{T}\\a b c d e f g h i j k l m n o p q r\\x.exe /s", 0, L"",
+     {L"{T}\\a b c d e f g h i j k l m n o p q r\\x.exe"}, {}, false},
+    {"rundll32 entry point after a quoted library", L"rundll32.exe \"{T}\\a.dll\",Begin", 0, L"{T}",
+     {L"{SYS}\\rundll32.exe", L"{T}\\a.dll"}, {L"{SYS}\\rundll32.exe"}, false},
+    {"remote share: reported as written", L"\\\\kw-no-such-host-{U}\\share\\x.exe", 0, L"",
+     {L"\\\\kw-no-such-host-{U}\\share\\x.exe"}, {}, false},
+    {"rundll32 with a library on a remote share", L"rundll32.exe \\\\kw-no-such-host-{U}\\pub\\x.dll,Start", 0, L"",
+     {L"{SYS}\\rundll32.exe", L"\\\\kw-no-such-host-{U}\\pub\\x.dll"}, {L"{SYS}\\rundll32.exe"}, false},
+    {"unquoted remote path with spaces ends at the first extension",
+     L"\\\\kw-no-such-host-{U}\\pub\\My Tools\\x.exe /s x.dll", 0, L"",
+     {L"\\\\kw-no-such-host-{U}\\pub\\My Tools\\x.exe"}, {}, false},
+    {"remote path is not completed by a file test", L"{UNC}\\tool", 0, L"", {L"{UNC}\\tool"},
+     {L"{UNC}\\tool.exe"}, false},
 };
 
 // Bad input: the result is whatever the rules give (mostly nothing), never a
@@ -380,7 +408,7 @@ const Row kBadInput[] = {
     {"options only", L"-a /b --c", 0, L"", {}, {}, false},
     {"service group name alone", L"netsvcs", 0, L"", {}, {}, false},
     {"interpreter command alone", L"start", 0, L"", {}, {}, false},
-    {"remote share", L"\\\\kw-no-such-host-{U}\\share\\x.exe", 0, L"", {}, {}, false},
+    {"remote share alone", L"\\\\kw-no-such-host-{U}\\share", 0, L"", {}, {}, false},
     {"web address", L"http://example.invalid/x.exe", 0, L"", {}, {}, false},
 };
 
@@ -513,9 +541,31 @@ TEST_F(ParseWorld, PathFoldersAreSearched) {
         bigPath.resize(n);
         bigPath.resize(GetEnvironmentVariableW(L"PATH", &bigPath[0], n));
     }
-    ScopedEnv path(L"PATH", bigPath + L";relative\\dir;\"" + dir + L"\"");
+    ScopedEnv path(L"PATH", bigPath + L";relative\\dir;" + w.UNC + L";\"" + dir + L"\"");
     EXPECT_TRUE(SameList(w.Parse(L"kwpath" + w.u + L".exe /x", 0, 0), {exe}));
     EXPECT_TRUE(SameList(w.Parse(L"kwpath" + w.u, 0, 0), {exe}));
+    // A folder on another machine's share is never searched, although a file
+    // test would find the name there.
+    if (ExistsNative(w.UNC + L"\\kwremote" + w.u + L".exe")) {
+        EXPECT_TRUE(SameList(w.Parse(L"kwremote" + w.u, 0, 0), {}));
+    }
+}
+
+TEST_F(ParseWorld, JoinedPathLengthLimit) {
+    World& w = *g_world;
+    const std::wstring dir = w.temp->Dir(L"len x");
+    for (size_t len : {258u, 259u, 260u}) {
+        SCOPED_TRACE(len);
+        const std::wstring file = dir + L"\\" + std::wstring(len - dir.size() - 5, L'n') + L".exe";
+        ASSERT_EQ(len, file.size());
+        HANDLE h = CreateFileW((L"\\\\?\\" + file).c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS,
+                               FILE_ATTRIBUTE_NORMAL, nullptr);
+        ASSERT_NE(INVALID_HANDLE_VALUE, h);
+        CloseHandle(h);
+        const auto files = w.Parse(file + L" /s", 0, 0);
+        EXPECT_TRUE(SameList(files, len < MAX_PATH ? std::vector<std::wstring>{file} : std::vector<std::wstring>{}))
+            << Show(files);
+    }
 }
 
 TEST_F(ParseWorld, PathExtOrderDecidesTheExtension) {

@@ -222,6 +222,10 @@ TEST(ScriptHostRules, ExternalCommands) {
     const std::wstring bat = dir.File(L"run.bat", "@echo off");
     const std::wstring cmd = dir.File(L"RUN2.CMD", "@echo off");
     const std::wstring spaced = dir.File(L"Some Dir\\go now.bat", "@echo off");
+    // A batch file on another machine's share that a file test would find.
+    const std::wstring uncHost = L"kwshx" + std::to_wstring(GetCurrentProcessId());
+    const std::wstring uncFolder = kwtest::WineUncHostFolder(uncHost);
+    if (!uncFolder.empty()) kwtest::MakeFile(uncFolder + L"\\share\\far.bat", "@echo off");
     struct Row {
         std::string name;
         std::wstring command;
@@ -235,12 +239,14 @@ TEST(ScriptHostRules, ExternalCommands) {
         {"a program", SystemDir() + L"\\cmd.exe /c x", false},
         {"a folder named like a batch file", dir.Dir(L"folder.bat"), false},
         {"empty", L"", false},
+        {"batch file on a remote share is not tested", L"\\\\" + uncHost + L"\\share\\far.bat", false},
     };
     for (const auto& r : rows) {
         SCOPED_TRACE(r.name);
         CScriptHostRuleParser p;
         EXPECT_EQ(r.external, p.IsExternalCmd(r.command));
     }
+    if (!uncFolder.empty()) kwtest::RemoveTree(uncFolder);
 }
 
 // ---------------------------------------------------------------------------

@@ -170,4 +170,14 @@ std::wstring Upper(std::wstring s) {
     return s;
 }
 
+std::wstring WineUncHostFolder(const std::wstring& host) {
+    wchar_t prefix[MAX_PATH] = {0};
+    DWORD n = GetEnvironmentVariableW(L"WINEPREFIX", prefix, MAX_PATH);
+    if (n == 0 || n >= MAX_PATH || prefix[0] != L'/') return std::wstring();
+    std::wstring folder = L"Z:" + std::wstring(prefix, n) + L"/dosdevices/unc/" + host;
+    for (auto& c : folder)
+        if (c == L'/') c = L'\\';
+    return folder;
+}
+
 }  // namespace kwtest

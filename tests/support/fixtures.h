@@ -68,4 +68,9 @@ std::wstring CurrentUserSid();
 std::wstring WindowsDir();
 std::wstring Upper(std::wstring s);
 
+// Under Wine, the local folder that the UNC host \\<host> stands for (the
+// prefix's dosdevices\unc\<host>): files made there exist for a program that
+// does ask the share. Empty when not under Wine. The caller removes it.
+std::wstring WineUncHostFolder(const std::wstring& host);
+
 }  // namespace kwtest
