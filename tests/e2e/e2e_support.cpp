@@ -24,8 +24,7 @@ const char* const kRules = R"({"RegParseConfig":[
  {"ParseID":217,"FunctionID":17,"CheckID":0},
  {"ParseID":218,"FunctionID":18,"CheckID":0},
  {"ParseID":222,"FunctionID":22,"CheckID":0},
- {"ParseID":25,"FunctionID":5,"CheckID":2,"RegRootkey":2147483650,"RegSubkey":"SOFTWARE\\kwtest\\*","RegValueName":"DEFAULT_NULL"},
- {"ParseID":30,"FunctionID":12,"CheckID":0}
+ {"ParseID":25,"FunctionID":5,"CheckID":2,"RegRootkey":2147483650,"RegSubkey":"SOFTWARE\\kwtest\\*","RegValueName":"DEFAULT_NULL"}
 ]})";
 
 hostsim::PluginHost& Host() {
