@@ -15,7 +15,10 @@ const char* const kRules = R"({"RegParseConfig":[
  {"ParseID":14,"FunctionID":14,"CheckID":0},
  {"ParseID":1,"FunctionID":1,"CheckID":0,"Parameter1":","},
  {"ParseID":2,"FunctionID":1,"CheckID":1,"RegRootkey":2147483650,"RegSubkey":"SOFTWARE\\Microsoft\\Windows NT\\CurrentVersion\\Winlogon","RegValueName":"Userinit","Parameter1":","},
- {"ParseID":76,"FunctionID":5,"CheckID":0},
+ {"ParseID":76,"FunctionID":12,"CheckID":1,"RegRootkey":2147483650,"RegSubkey":"SYSTEM\\CurrentControlSet\\Services\\*","RegValueName":"ServiceDll"},
+ {"ParseID":31,"FunctionID":12,"CheckID":1,"RegRootkey":2147483650,"RegSubkey":"SYSTEM\\CurrentControlSet\\Services\\*"},
+ {"ParseID":32,"FunctionID":13,"CheckID":1,"RegRootkey":2147483650,"RegSubkey":"SYSTEM\\CurrentControlSet\\Control\\Session Manager","RegValueName":"BootExecute"},
+ {"ParseID":33,"FunctionID":21,"CheckID":1,"RegRootkey":2147483650,"RegSubkey":"SYSTEM\\CurrentControlSet\\Control\\Session Manager\\KnownDlls"},
  {"ParseID":23,"FunctionID":5,"CheckID":1,"RegRootkey":2147483650,"RegSubkey":"SOFTWARE\\X","RegValueName":"wanted"},
  {"ParseID":30,"FunctionID":12,"CheckID":0}
 ]})";
