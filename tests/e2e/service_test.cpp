@@ -4,6 +4,7 @@
 // with CurrentControlSet, as the host's rule authors write them.
 #include "e2e_support.h"
 #include "support/control_set_select.h"
+#include "support/saved_reg_value.h"
 
 #include <gtest/gtest.h>
 
@@ -17,31 +18,6 @@ namespace {
 
 const std::wstring kCs = kwtest::ControlSetNameFromRegistry();
 const std::wstring kPid = std::to_wstring(GetCurrentProcessId());
-
-// A machine value (64-bit view) put back as it was on scope exit: its data,
-// its absence, or the absence of its whole key.
-struct SavedValue {
-    SavedValue(const std::wstring& key, const wchar_t* name)
-        : key(key), name(name), keyExisted(kwtest::RegKeyExists(HKEY_LOCAL_MACHINE, key)) {
-        HKEY h = nullptr;
-        DWORD cb = 0;
-        if (RegOpenKeyExW(HKEY_LOCAL_MACHINE, key.c_str(), 0, KEY_READ | KEY_WOW64_64KEY, &h) != ERROR_SUCCESS) return;
-        had = RegQueryValueExW(h, name, nullptr, &type, nullptr, &cb) == ERROR_SUCCESS;
-        data.resize(cb);
-        had = had && RegQueryValueExW(h, name, nullptr, &type, data.data(), &cb) == ERROR_SUCCESS;
-        RegCloseKey(h);
-    }
-    ~SavedValue() {
-        if (had) kwtest::RegSetRaw(HKEY_LOCAL_MACHINE, key, name, type, data.data(), static_cast<DWORD>(data.size()));
-        else if (!keyExisted) kwtest::RegDeleteTreeView(HKEY_LOCAL_MACHINE, key);
-        else RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, key.c_str(), name);  // SYSTEM: one key in both views
-    }
-    std::wstring key;
-    const wchar_t* name;
-    bool keyExisted, had = false;
-    DWORD type = 0;
-    std::vector<BYTE> data;
-};
 
 std::wstring Multi(const std::vector<std::wstring>& strings) {
     std::wstring s;
@@ -138,7 +114,7 @@ TEST(BootExecute, OnlyAddedProgramsAreReported) {
     // Wine a key of its own, not a link to the concrete set).
     const std::wstring current = L"SYSTEM\\CurrentControlSet\\Control\\Session Manager";
     const std::wstring key = L"SYSTEM\\" + kCs + L"\\Control\\Session Manager";
-    SavedValue saved(current, L"BootExecute");
+    kwtest::SavedRegValue saved(current, L"BootExecute");
     ASSERT_TRUE(kwtest::RegSetMulti(HKEY_LOCAL_MACHINE, current, L"BootExecute", {L"autocheck autochk *"}));
     kwtest::TempDir dir;
     const std::wstring tool = dir.File(L"tool.exe");
@@ -170,7 +146,7 @@ TEST(BootExecute, OnlyAddedProgramsAreReported) {
 
 TEST(KnownDlls, NamesResolveInTheKnownDllDirectory) {
     const std::wstring key = L"SYSTEM\\" + kCs + L"\\Control\\Session Manager\\KnownDlls";
-    SavedValue saved(key, L"DllDirectory32");  // a 32-bit process on 64-bit Windows reads this one
+    kwtest::SavedRegValue saved(key, L"DllDirectory32");  // a 32-bit process on 64-bit Windows reads this one
     kwtest::TempDir dir;
     const std::wstring dll = dir.File(L"kwkd" + kPid + L".dll"), event = L"HKEY_LOCAL_MACHINE\\" + key;
     wchar_t temp[MAX_PATH];

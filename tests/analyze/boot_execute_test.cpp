@@ -1,0 +1,28 @@
+// The boot-execute switch that only the dispatch side sets: with it, the
+// programs already in the list are reported as well as the added ones.
+#include "analyze/analizy_operate.h"
+#include "support/saved_reg_value.h"
+
+#include <gtest/gtest.h>
+
+using namespace kw;
+
+TEST(BootExecuteSwitch, ExistingProgramsOnlyWithTheSwitch) {
+    const std::wstring key = L"SYSTEM\\CurrentControlSet\\Control\\Session Manager";
+    kwtest::SavedRegValue saved(key, L"BootExecute");
+    ASSERT_TRUE(kwtest::RegSetMulti(HKEY_LOCAL_MACHINE, key, L"BootExecute", {L"C:\\kwtest-none\\old.exe"}));
+    std::unique_ptr<ANALYZE_ITEM> item(new ANALYZE_ITEM());
+    const wchar_t data[] = L"c:\\kwtest-none\\OLD.exe\0C:\\kwtest-none\\new.exe\0";
+    memcpy(item->data, data, sizeof(data));
+    item->dwDataSize = sizeof(data);
+    for (bool on : {false, true}) {
+        CAnalizyOperate op;
+        op.m_bReportExisting = on;
+        EXPECT_EQ(0u, op.AnalyzBootExecute(item.get(), std::wstring()));
+        std::vector<std::wstring> paths;
+        for (const auto& e : op.Results()) paths.push_back(e.filePath);
+        std::vector<std::wstring> expected{L"C:\\kwtest-none\\new.exe"};
+        if (on) expected.insert(expected.begin(), L"c:\\kwtest-none\\OLD.exe");
+        EXPECT_EQ(expected, paths) << on;
+    }
+}
