@@ -1,5 +1,6 @@
-// The boot-execute switch that only the dispatch side sets: with it, the
-// programs already in the list are reported as well as the added ones.
+// The boot-execute analyzer on records built directly: the report-existing
+// switch that only the dispatch side sets, and a record claiming more data
+// than it holds.
 #include "analyze/analizy_operate.h"
 #include "support/saved_reg_value.h"
 
@@ -7,7 +8,7 @@
 
 using namespace kw;
 
-TEST(BootExecuteSwitch, ExistingProgramsOnlyWithTheSwitch) {
+TEST(BootExecuteRecord, ExistingProgramsOnlyWithTheSwitch) {
     const std::wstring key = L"SYSTEM\\CurrentControlSet\\Control\\Session Manager";
     kwtest::SavedRegValue saved(key, L"BootExecute");
     ASSERT_TRUE(kwtest::RegSetMulti(HKEY_LOCAL_MACHINE, key, L"BootExecute", {L"C:\\kwtest-none\\old.exe"}));
@@ -25,4 +26,14 @@ TEST(BootExecuteSwitch, ExistingProgramsOnlyWithTheSwitch) {
         if (on) expected.insert(expected.begin(), L"c:\\kwtest-none\\OLD.exe");
         EXPECT_EQ(expected, paths) << on;
     }
+}
+
+TEST(BootExecuteRecord, DataBeyondTheRecordIsNeverRead) {
+    std::unique_ptr<ANALYZE_ITEM> item(new ANALYZE_ITEM());
+    std::fill_n(reinterpret_cast<wchar_t*>(item->data), kDataBytes / 2, L'x');  // no NUL
+    item->dwDataSize = 0xFFFFFFFFu;
+    CAnalizyOperate op;
+    EXPECT_EQ(0u, op.AnalyzBootExecute(item.get(), std::wstring()));
+    ASSERT_EQ(1u, op.Results().size());
+    EXPECT_EQ(std::wstring(512, L'x'), op.Results().front().valueData);
 }

@@ -61,7 +61,8 @@ TEST(Service, ImagesDllsAndDriversFromTheServiceKey) {
     const std::wstring driver = kwtest::WindowsDir() + L"\\system32\\drivers\\" + stem + L".sys";
     ASSERT_TRUE(kwtest::MakeFile(drivers + stem + L".sys") && kwtest::MakeFile(drivers + stem + L"Parameters.sys"));
     kwtest::TempDir dir;
-    const std::wstring img = dir.File(L"img.sys"), dll = dir.File(L"svc.dll"), repaired = dir.File(L"repair.dll");
+    const std::wstring img = dir.File(L"img.sys"), dll = dir.File(L"svc.dll"), repaired = dir.File(L"repair.dll"),
+                       loose = dir.File(L"repair.exe");
     const std::wstring exe = L"C:\\Program Files\\kwtest-" + kPid + L"\\Some App\\svc.exe";
     kwtest::MakeFile(exe);
     wchar_t temp[MAX_PATH];
@@ -89,8 +90,11 @@ TEST(Service, ImagesDllsAndDriversFromTheServiceKey) {
         {"ServiceDll under Parameters", 6, svc + L"\\Parameters", L"ServiceDll", dll, 31, dll},
         {"ServiceDll under the service key", 6, svc, L"ServiceDll", dll, 31, L""},
         {"ServiceDll below Parameters", 6, svc + L"\\Parameters\\x", L"ServiceDll", dll, 31, L""},
+        // Beside repair.exe, which a command line without extension would name.
         {"ServiceDll without extension, rule 76", 6, svc + L"\\parameters", L"ServiceDll", viaTemp + L"\\repair", 76,
          repaired},
+        {"ServiceDll without extension, other rule", 6, svc + L"\\Parameters", L"ServiceDll", viaTemp + L"\\repair", 31,
+         loose},
         {"another value", 6, svc, L"DisplayName", img, 31, L""},
         {"another control set", 6, L"HKEY_LOCAL_MACHINE\\SYSTEM\\ControlSet009\\Services\\" + stem, L"ImagePath", img,
          31, L""},
