@@ -127,6 +127,9 @@ public:
     uint32_t AnalyzRegvalueNameAsFilePath(const ANALYZE_ITEM* pAnalizy, const std::wstring& param);  // 20
     uint32_t AnalyzKnownDlls(const ANALYZE_ITEM* pAnalizy, const std::wstring& param);             // 21
     uint32_t AnalyzIEExtensions(const ANALYZE_ITEM* pAnalizy, const std::wstring& param);          // 22
+    // The worker of AnalyzServece: valueMode 1 for a value write ("ImagePath"
+    // or "ServiceDll"), 0 for a created or changed service key.
+    uint32_t AnalyzServiceFilePath(const ANALYZE_ITEM* pAnalizy, int valueMode);
 
     // The registry access flags of the record's view: nothing on a 32-bit
     // system; on a 64-bit one the 64-bit view flag when bNativeView is set,

@@ -22,8 +22,8 @@ const AnalyzerRow kAnalyzers[] = {
     {9, "CAnalizyOperate::AnalyzKeyOrDefValueAsCLSIDJudgeWow64", nullptr, false},
     {10, "CAnalizyOperate::AnalyzSubKeyAsCLSID", nullptr, false},
     {11, "CAnalizyOperate::AnalyzSubKeyAsCLSIDJudgeWow64", nullptr, false},
-    {12, "CAnalizyOperate::AnalyzServece", nullptr, false},
-    {13, "CAnalizyOperate::AnalyzBootExecute", nullptr, false},
+    {12, "CAnalizyOperate::AnalyzServece", &A::AnalyzServece, false},
+    {13, "CAnalizyOperate::AnalyzBootExecute", &A::AnalyzBootExecute, false},
     {14, "CAnalizyOperate::AnalyzMulitRegValueAsFilePath", &A::AnalyzMulitRegValueAsFilePath, false},
     {15, "CAnalizyOperate::AnalyzFileLink", &A::AnalyzFileLink, false},
     {16, "CAnalizyOperate::AnalyzDiskAutorun", &A::AnalyzDiskAutorun, false},
@@ -31,7 +31,7 @@ const AnalyzerRow kAnalyzers[] = {
     {18, "CAnalizyOperate::AnalyzFileAssociation", &A::AnalyzFileAssociation, false},
     {19, "CAnalizyOperate::AnalyzRegvalueSpliteAsFilePathByVLine", &A::AnalyzRegvalueSpliteAsFilePathByVLine, false},
     {20, "CAnalizyOperate::AnalyzRegvalueNameAsFilePath", &A::AnalyzRegvalueNameAsFilePath, false},
-    {21, "CAnalizyOperate::AnalyzKnownDlls", nullptr, false},
+    {21, "CAnalizyOperate::AnalyzKnownDlls", &A::AnalyzKnownDlls, false},
     {22, "CAnalizyOperate::AnalyzIEExtensions", &A::AnalyzIEExtensions, false},
 };
 static_assert(sizeof(kAnalyzers) / sizeof(kAnalyzers[0]) == kLastFunctionId, "one row per FunctionID");
