@@ -1,7 +1,7 @@
 // The DLL's three exports and its start-up hook. No C++ exception leaves here.
 #include "common/module.h"
 #include "diag/log_writer.h"
-#include "plugin/func_resolver.h"
+#include "common/func_resolver.h"
 #include "plugin/plug_deep_scan.h"
 
 #include <atomic>

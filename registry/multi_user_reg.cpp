@@ -1,10 +1,10 @@
 #include "registry/multi_user_reg.h"
 
+#include "common/func_resolver.h"
 #include "common/handle.h"
 #include "common/strutil.h"
 #include "diag/trace.h"
-#include "resolve/expand_path.h"
-#include "resolve/wow64.h"
+#include "registry/folder_names.h"
 
 #include <vector>
 

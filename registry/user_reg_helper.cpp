@@ -1,11 +1,11 @@
 #include "registry/user_reg_helper.h"
 
+#include "common/func_resolver.h"
 #include "common/handle.h"
 #include "common/strutil.h"
 #include "diag/trace.h"
+#include "registry/folder_names.h"
 #include "registry/user_reg_hive.h"
-#include "resolve/expand_path.h"
-#include "resolve/wow64.h"
 
 #include <vector>
 

@@ -1,7 +1,7 @@
 #include "registry/user_reg_hive.h"
 
+#include "common/func_resolver.h"
 #include "diag/trace.h"
-#include "resolve/wow64.h"
 
 namespace kw_user {
 
@@ -69,8 +69,7 @@ CUserRegPrivilegeScope::~CUserRegPrivilegeScope() {
 
 bool IsProcessEnding() noexcept {
     static RtlDllShutdownInProgressFn fn =
-        reinterpret_cast<RtlDllShutdownInProgressFn>(reinterpret_cast<void*>(
-            GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "RtlDllShutdownInProgress")));
+        kw::ResolveProc<RtlDllShutdownInProgressFn>(L"ntdll.dll", "RtlDllShutdownInProgress");
     return fn && fn() != FALSE;
 }
 

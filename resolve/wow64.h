@@ -80,10 +80,4 @@ BOOL GetFileFixedVersion(const wchar_t* path, VS_FIXEDFILEINFO* out);
 // empty when the key or value cannot be read (then retried on the next call).
 const wchar_t* GetCurrentControlSetName();
 
-// Registry entry points loaded on demand from Advapi32.dll; -1 when missing.
-LONG DynRegOpenKeyExW(HKEY key, const wchar_t* subKey, DWORD options, REGSAM sam, HKEY* out);
-LONG DynRegQueryValueExW(HKEY key, const wchar_t* name, DWORD* reserved, DWORD* type,
-                         BYTE* data, DWORD* cbData);
-void DynRegCloseKey(HKEY key);
-
 }  // namespace kw

@@ -2,6 +2,8 @@
 // run as a 32-bit program in a 64-bit prefix, so the process is under WOW64.
 #include "resolve/wow64.h"
 
+#include "common/func_resolver.h"
+
 #include <gtest/gtest.h>
 
 #include <atomic>
