@@ -4,6 +4,7 @@
 #include "analyze/analizy_operate.h"
 
 #include "common/strutil.h"
+#include "common/sys_text.h"
 #include "registry/easy_clsid.h"
 #include "resolve/wow64.h"
 
@@ -59,11 +60,11 @@ bool CAnalizyOperate::ReportPiece(const ANALYZE_ITEM* pAnalizy, const std::wstri
 
 int CAnalizyOperate::ExpandShortName(ResultEntry* entry) {
     if (!entry || entry->filePath.find(L'~') == std::wstring::npos) return 1;
-    wchar_t longPath[512];
-    // GetLongPathNameW returns the length without the terminator when it
-    // fits, and the size needed (larger than the buffer) when it does not.
-    DWORD n = GetLongPathNameW(entry->filePath.c_str(), longPath, 512);
-    if (n > 0 && n < 512) entry->filePath.assign(longPath, n);
+    std::wstring longPath;
+    // A long form of 512 characters or more is not taken.
+    if (GetLongPathText(entry->filePath.c_str(), longPath) && !longPath.empty() &&
+        longPath.size() < 512)
+        entry->filePath.swap(longPath);
     return 1;
 }
 

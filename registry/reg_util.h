@@ -20,6 +20,20 @@ namespace kw {
 // RegReadExpandedString holds at most kExpandedValueCch - 1 (519) characters.
 constexpr size_t kExpandedValueCch = 520;
 
+// The one reader of a value of an open key: its raw bytes whole (the size the
+// registry reports; retried when the value grows in between). ERROR_SUCCESS
+// or the registry's code.
+[[nodiscard]] LONG RegQueryRaw(HKEY key, const wchar_t* valueName, DWORD& type,
+                               std::vector<BYTE>& data) noexcept;
+// The text of raw string data of cb bytes: an odd last byte is dropped and the
+// text ends at the first NUL or at the data's end.
+std::wstring RegDataText(const void* data, size_t cb);
+// A string value (REG_SZ or REG_EXPAND_SZ, never expanded) of an open key as
+// RegDataText gives it; `cbData` receives the raw size. False (text empty) when
+// the value is missing or of another type.
+[[nodiscard]] bool RegQueryString(HKEY key, const wchar_t* valueName, std::wstring& text,
+                                  DWORD* type = nullptr, DWORD* cbData = nullptr) noexcept;
+
 // Reads a string value (REG_SZ or REG_EXPAND_SZ) under root\subKey (an empty
 // or null subKey reads from root itself), opened with KEY_READ plus
 // `extraAccess`. REG_EXPAND_SZ text is expanded with the process environment;

@@ -4,6 +4,8 @@
 
 #include "common/handle.h"
 #include "common/strutil.h"
+#include "common/sys_text.h"
+#include "registry/reg_util.h"
 
 #include <shlobj.h>
 
@@ -30,16 +32,13 @@ wchar_t g_wow64Table[kWow64LastId - kFirstPathId + 1][MAX_PATH];
 INIT_ONCE g_nativeOnce = INIT_ONCE_STATIC_INIT;
 INIT_ONCE g_wow64Once = INIT_ONCE_STATIC_INIT;
 
-// ExpandEnvironmentStringsW counts the terminator; a count above the buffer
-// means it did not fit (Wine then still writes a cut, terminated text).
+// Expands with the process environment into out[cchOut]; a text that does not
+// fit together with its terminator leaves out empty.
 bool ExpandProcessEnv(const wchar_t* text, wchar_t* out, DWORD cchOut) {
     out[0] = L'\0';
-    DWORD n = ExpandEnvironmentStringsW(text, out, cchOut);
-    if (n == 0 || n > cchOut) {
-        out[0] = L'\0';
-        return false;
-    }
-    out[cchOut - 1] = L'\0';
+    std::wstring full;
+    if (!ExpandEnvironmentText(text, full) || full.size() >= cchOut) return false;
+    CopyBounded(out, cchOut, full.c_str(), full.size());
     return true;
 }
 
@@ -53,23 +52,16 @@ void ReadCurrentVersionFolder(REGSAM sam, const wchar_t* valueName, DWORD cbBuff
     unique_hkey key;
     if (RegOpenKeyExW(HKEY_LOCAL_MACHINE, kCurrentVersionKey, 0, sam, key.put()) != ERROR_SUCCESS)
         return;
-    wchar_t data[kCbProgramFilesDir / sizeof(wchar_t)] = {0};
-    DWORD type = 0;
-    DWORD cb = cbBuffer;
-    if (RegQueryValueExW(key.get(), valueName, nullptr, &type, reinterpret_cast<BYTE*>(data),
-                         &cb) != ERROR_SUCCESS)
-        return;
-    if (type != REG_SZ && type != REG_EXPAND_SZ) return;
-    const size_t cchBuffer = cbBuffer / sizeof(wchar_t);
-    const size_t cchData = (cb < cbBuffer ? cb : cbBuffer) / sizeof(wchar_t);
-    const size_t len = LenBounded(data, cchData);
-    if (len >= cchBuffer) return;  // no room left for the terminator: does not fit
-    data[len] = L'\0';
+    std::wstring data;
+    DWORD type = 0, cb = 0;
+    if (!RegQueryString(key.get(), valueName, data, &type, &cb) || cb > cbBuffer) return;
+    // No room left for the terminator: does not fit.
+    if (data.size() >= cbBuffer / sizeof(wchar_t)) return;
     if (expand && type == REG_EXPAND_SZ) {
-        ExpandProcessEnv(data, out, MAX_PATH);
+        ExpandProcessEnv(data.c_str(), out, MAX_PATH);
         return;
     }
-    CopyBounded(out, MAX_PATH, data);
+    CopyBounded(out, MAX_PATH, data.c_str());
 }
 
 void FillCommonEntries(wchar_t (*table)[MAX_PATH]) {

@@ -9,6 +9,7 @@
 #include "common/func_resolver.h"
 #include "common/handle.h"
 #include "common/strutil.h"
+#include "common/sys_text.h"
 
 namespace kw {
 
@@ -94,10 +95,9 @@ BOOL MapSystem32ToFolder(const std::wstring& path, std::wstring& out,
     try {
         std::wstring current = path;
         if (current.find(L'~') != std::wstring::npos) {
-            wchar_t longName[MAX_PATH] = {0};
-            // Returns the length without the NUL when it fits, the size needed otherwise.
-            DWORD n = GetLongPathNameW(current.c_str(), longName, MAX_PATH);
-            if (n != 0 && n < MAX_PATH) current = longName;
+            std::wstring longName;
+            if (GetLongPathText(current.c_str(), longName) && longName.size() < MAX_PATH)
+                current = longName;
         }
         wchar_t windowsDir[MAX_PATH] = {0};
         wchar_t system32[MAX_PATH] = {0};
