@@ -64,18 +64,16 @@ CEasyClsid::CEasyClsid(const wchar_t* userSid, const wchar_t* clsidText, BOOL us
     const bool haveSid = sid[0] != L'\0';
     const bool wow6432 = useWow6432Node && GetWow64Helper()->m_bIsWow64;
 
-    const char* classesPath = wow6432 ? "Software\\Classes\\Wow6432Node\\CLSID\\%ls"
-                                      : "Software\\Classes\\CLSID\\%ls";
-    FormatBounded(m_szMachinePath, MAX_PATH, classesPath, m_szClsid);
+    // The classes path below a root, with or without the 32-bit node.
+    const wchar_t* const node = wow6432 ? L"Wow6432Node\\" : L"";
+    FormatBounded(m_szMachinePath, MAX_PATH, "Software\\Classes\\%lsCLSID\\%ls", node, m_szClsid);
     if (haveSid) {
-        FormatBounded(m_szUserPath, MAX_PATH,
-                      wow6432 ? "%ls\\Software\\Classes\\Wow6432Node\\CLSID\\%ls"
-                              : "%ls\\Software\\Classes\\CLSID\\%ls",
-                      sid, m_szClsid);
+        FormatBounded(m_szUserPath, MAX_PATH, "%ls\\Software\\Classes\\%lsCLSID\\%ls", sid,
+                      node, m_szClsid);
     } else {
         // Without a SID the user path is looked up directly under HKEY_USERS,
         // where it never exists; deliberate: only a SID names per-user classes.
-        FormatBounded(m_szUserPath, MAX_PATH, classesPath, m_szClsid);
+        FormatBounded(m_szUserPath, MAX_PATH, "Software\\Classes\\%lsCLSID\\%ls", node, m_szClsid);
     }
 
     struct ClassKey {

@@ -42,13 +42,13 @@ std::wstring RegDataText(const void* data, size_t cb);
 // A null valueName reads the default value. False (out empty) when the key or
 // value is missing or of another type. Refusals are not traced (a missing
 // value is the normal case for the callers).
-bool RegReadExpandedString(HKEY root, const wchar_t* subKey, const wchar_t* valueName,
+[[nodiscard]] bool RegReadExpandedString(HKEY root, const wchar_t* subKey, const wchar_t* valueName,
                            REGSAM extraAccess, std::wstring& out);
 
 // Reads a value whole as characters, whatever its type: NULs are kept (a
 // multi-string stays whole) and an odd last byte is dropped. `type` receives
 // the value's type. False (text empty) when the key or value cannot be read.
-bool RegReadRawText(HKEY root, const wchar_t* subKey, const wchar_t* valueName, REGSAM extraAccess,
+[[nodiscard]] bool RegReadRawText(HKEY root, const wchar_t* subKey, const wchar_t* valueName, REGSAM extraAccess,
                     DWORD* type, std::wstring& text);
 
 // The strings of a multi-string text: split at NULs, empty strings left out,
@@ -61,7 +61,7 @@ std::vector<std::wstring> SplitMultiString(const std::wstring& raw);
 // ("a\0b"; empty strings inside the data stay as they are; callers skip empty
 // pieces). A missing final NUL and an odd byte count are tolerated. False (raw
 // empty) when the key or value is missing or of another type.
-bool RegReadMultiString(HKEY root, const wchar_t* subKey, const wchar_t* valueName,
+[[nodiscard]] bool RegReadMultiString(HKEY root, const wchar_t* subKey, const wchar_t* valueName,
                         REGSAM extraAccess, std::wstring& raw);
 
 // Whether subKey under root names a key of the 32-bit registry view, as 64-bit
@@ -87,7 +87,7 @@ public:
     virtual ~CEnumKey() = default;
     bool IsOpen() const { return m_key.valid() || m_useRoot; }
     // The name at `index`; false (name empty) when the enumeration ends or fails.
-    bool Next(DWORD index, std::wstring& name);
+    [[nodiscard]] bool Next(DWORD index, std::wstring& name);
 
 private:
     unique_hkey m_key;

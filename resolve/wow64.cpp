@@ -137,7 +137,7 @@ BOOL MapSystem32ToFolder(const std::wstring& path, std::wstring& out,
 // ---------------------------------------------------------------------------
 // WOW64 detection and redirection
 
-BOOL IsProcessWow64() {
+BOOL IsProcessWow64() noexcept {
     static IsWow64ProcessFn const fn =
         ResolveProc<IsWow64ProcessFn>(L"kernel32", "IsWow64Process");
     if (!fn) return 0;
@@ -146,7 +146,7 @@ BOOL IsProcessWow64() {
     return wow64 ? 1 : 0;
 }
 
-BOOL IsOsWow6432() {
+BOOL IsOsWow6432() noexcept {
     HMODULE module = GetModuleHandleW(L"shlwapi.dll");
     unique_module loaded;
     if (!module) {
@@ -164,14 +164,14 @@ BOOL IsOsWow6432() {
     return result ? 1 : 0;
 }
 
-BOOL DisableFsRedirection(PVOID* pOldValue) {
+BOOL DisableFsRedirection(PVOID* pOldValue) noexcept {
     static Wow64DisableFn const fn = ResolveProc<Wow64DisableFn>(
         L"Kernel32.dll", "Wow64DisableWow64FsRedirection");
     if (!fn) return 0;
     return fn(pOldValue);
 }
 
-BOOL RevertFsRedirection(PVOID oldValue) {
+BOOL RevertFsRedirection(PVOID oldValue) noexcept {
     static Wow64RevertFn const fn = ResolveProc<Wow64RevertFn>(
         L"Kernel32.dll", "Wow64RevertWow64FsRedirection");
     if (!fn) return 0;
@@ -287,7 +287,7 @@ COSVersionCheck* GetOSVersionCheck() {
     return g_osVersionCheck;
 }
 
-BOOL GetOsVersionInfo(OSVERSIONINFOW* osvi) {
+BOOL GetOsVersionInfo(OSVERSIONINFOW* osvi) noexcept {
     if (!osvi) return 0;
     const COSVersionCheck* check = GetOSVersionCheck();
     OSVERSIONINFOEXW fresh;
@@ -305,7 +305,7 @@ BOOL GetOsVersionInfo(OSVERSIONINFOW* osvi) {
     return 1;
 }
 
-BOOL IsWin7OrLater() {
+BOOL IsWin7OrLater() noexcept {
     OSVERSIONINFOW osvi;
     std::memset(&osvi, 0, sizeof(osvi));
     osvi.dwOSVersionInfoSize = sizeof(osvi);
@@ -315,7 +315,7 @@ BOOL IsWin7OrLater() {
                : 0;
 }
 
-BOOL IsVistaOrLater() {
+BOOL IsVistaOrLater() noexcept {
     OSVERSIONINFOW osvi;
     std::memset(&osvi, 0, sizeof(osvi));
     osvi.dwOSVersionInfoSize = sizeof(osvi);
@@ -375,7 +375,7 @@ BOOL MapSystem32ToSysnative(const std::wstring& path, std::wstring& out) {
 // ---------------------------------------------------------------------------
 // Control set
 
-const wchar_t* GetCurrentControlSetName() {
+const wchar_t* GetCurrentControlSetName() noexcept {
     if (InterlockedCompareExchange(&g_controlSetReady, 0, 0) != 0) return g_szControlSet;
     AcquireSRWLockExclusive(&g_controlSetLock);
     if (!g_controlSetReady) {
