@@ -1,6 +1,7 @@
 #include "registry/reg_util.h"
 
 #include "support/fixtures.h"
+#include "support/kit.h"
 
 #include <gtest/gtest.h>
 
@@ -142,9 +143,7 @@ TEST(RegReadExpandedString, EmptySubKeyReadsFromTheRootHandle) {
 // 32-bit view is seen with KEY_WOW64_32KEY (and the analyzers' high bit may be
 // added) and not with KEY_WOW64_64KEY.
 TEST(RegReadExpandedString, ReadsTheViewItIsAskedFor) {
-    BOOL wow64 = FALSE;
-    IsWow64Process(GetCurrentProcess(), &wow64);
-    if (!wow64) GTEST_SKIP() << "needs a 32-bit process on 64-bit Windows";
+    if (!kwtest::ProcessIsWow64()) GTEST_SKIP() << "needs a 32-bit process on 64-bit Windows";
     TempRegKey key(HKEY_LOCAL_MACHINE, L"Software", KEY_WOW64_32KEY);
     ASSERT_TRUE(kwtest::RegSetSz(HKEY_LOCAL_MACHINE, key.Path(), L"v", L"32-bit text", KEY_WOW64_32KEY));
     std::wstring out;
@@ -357,9 +356,7 @@ TEST(CEnumKey, LongNamesComeBackWhole) {
 }
 
 TEST(CEnumKey, ExtraFlagsChooseTheView) {
-    BOOL wow64 = FALSE;
-    IsWow64Process(GetCurrentProcess(), &wow64);
-    if (!wow64) GTEST_SKIP() << "needs a 32-bit process on 64-bit Windows";
+    if (!kwtest::ProcessIsWow64()) GTEST_SKIP() << "needs a 32-bit process on 64-bit Windows";
     TempRegKey key(HKEY_LOCAL_MACHINE, L"Software", KEY_WOW64_32KEY);
     ASSERT_TRUE(kwtest::RegCreate(HKEY_LOCAL_MACHINE, key.Path() + L"\\sub32", KEY_WOW64_32KEY));
     CEnumKey e32(HKEY_LOCAL_MACHINE, key.Path().c_str(), KEY_WOW64_32KEY);
