@@ -366,3 +366,20 @@ TEST(CEnumKey, ExtraFlagsChooseTheView) {
 }
 
 }  // namespace
+
+// Multi-string text as the registry may hold it: empty strings inside, a
+// missing final NUL, nothing at all.
+TEST(SplitMultiString, Pieces) {
+    struct Row {
+        const char* name;
+        std::wstring raw;
+        std::vector<std::wstring> expected;
+    } rows[] = {
+        {"two strings, both NULs", std::wstring(L"a\0b\0\0", 5), {L"a", L"b"}},
+        {"final NUL missing", std::wstring(L"a\0bc", 4), {L"a", L"bc"}},
+        {"empty string inside is left out", std::wstring(L"a\0\0b", 4), {L"a", L"b"}},
+        {"leading NUL", std::wstring(L"\0a", 2), {L"a"}},
+        {"empty text", L"", {}},
+    };
+    for (const Row& r : rows) EXPECT_EQ(r.expected, SplitMultiString(r.raw)) << r.name;
+}
