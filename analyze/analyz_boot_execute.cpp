@@ -13,10 +13,11 @@ namespace kw {
 uint32_t CAnalizyOperate::AnalyzBootExecute(const ANALYZE_ITEM* pAnalizy, const std::wstring&) {
     if (!pAnalizy) return ANALYZ_NOT_HANDLED;
 
-    // 1.
+    // 1. An unreadable list counts as empty: every new string is then reported.
     std::wstring currentRaw;
-    RegReadMultiString(HKEY_LOCAL_MACHINE, L"System\\CurrentControlSet\\Control\\Session Manager",
-                       L"BootExecute", KEY_WOW64_64KEY, currentRaw);
+    if (!RegReadMultiString(HKEY_LOCAL_MACHINE, L"System\\CurrentControlSet\\Control\\Session Manager",
+                            L"BootExecute", KEY_WOW64_64KEY, currentRaw))
+        currentRaw.clear();
     const std::vector<std::wstring> current = SplitMultiString(currentRaw);
 
     // 2. At most the record's 1,024 data bytes, whatever size it claims; a

@@ -3,7 +3,7 @@
 #include "analyze/analizy_operate.h"
 
 #include "common/strutil.h"
-#include "common/user_sid.h"
+#include "registry/user_sid.h"
 
 namespace kw {
 

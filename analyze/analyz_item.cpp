@@ -4,7 +4,7 @@
 
 #include "analyze/reg_path_match.h"
 #include "common/strutil.h"
-#include "common/user_sid.h"
+#include "registry/user_sid.h"
 #include "diag/log_writer.h"
 #include "diag/trace.h"
 #include "registry/reg_util.h"

@@ -15,8 +15,10 @@ uint32_t CAnalizyOperate::AnalyzMulitRegValueAsFilePath(const ANALYZE_ITEM* pAna
 
     std::wstring oldRaw;
     DWORD oldType = REG_NONE;
-    RegReadRawText(RootKeyHandle(pAnalizy->hRootkey), pAnalizy->szSubkey, pAnalizy->szValuename,
-                   RecordViewAccess(), &oldType, oldRaw);
+    // Without a previous value every piece is new.
+    if (!RegReadRawText(RootKeyHandle(pAnalizy->hRootkey), pAnalizy->szSubkey,
+                        pAnalizy->szValuename, RecordViewAccess(), &oldType, oldRaw))
+        oldRaw.clear();
     if (oldRaw.size() > 32768) oldRaw.resize(32768);
     const std::vector<std::wstring> before = SplitMultiString(oldRaw);
 

@@ -4,6 +4,7 @@
 #include "analyze/analizy_operate.h"
 
 #include "common/strutil.h"
+#include "common/sys_text.h"
 #include "registry/easy_clsid.h"
 #include "resolve/parse_file_view.h"
 #include "resolve/wow64.h"
@@ -69,11 +70,11 @@ int CAnalizyOperate::ExpandShortName(ResultEntry* entry) {
     // Another machine's path is reported as written: no call may wait on the network.
     if (!entry || entry->filePath.find(L'~') == std::wstring::npos || IsRemotePath(entry->filePath))
         return 1;
-    wchar_t longPath[512];
-    // GetLongPathNameW returns the length without the terminator when it
-    // fits, and the size needed (larger than the buffer) when it does not.
-    DWORD n = GetLongPathNameW(entry->filePath.c_str(), longPath, 512);
-    if (n > 0 && n < 512) entry->filePath.assign(longPath, n);
+    std::wstring longPath;
+    // A long form of 512 characters or more is not taken.
+    if (GetLongPathText(entry->filePath.c_str(), longPath) && !longPath.empty() &&
+        longPath.size() < 512)
+        entry->filePath.swap(longPath);
     return 1;
 }
 

@@ -49,6 +49,14 @@ static_assert(sizeof(KW_REG_CONTEXT) == 1036, "context layout");
 static_assert(offsetof(KW_REQUEST, Context) == 20, "request layout");
 static_assert(offsetof(KW_REQUEST, Inline) == 1056, "request layout");
 static_assert(offsetof(KW_DRV_EVENT, Request) == 16, "driver event layout");
+static_assert(offsetof(KW_DRV_EVENT, Timestamp) == 8, "driver event layout");
+static_assert(offsetof(KW_REQUEST, Operation) == 4 && offsetof(KW_REQUEST, KeyPath) == 8 &&
+                  offsetof(KW_REQUEST, RenamePath) == 12 && offsetof(KW_REQUEST, ValueName) == 16,
+              "request layout");
+static_assert(sizeof(KW_REQUEST) == 1056 + 4096, "request layout");
+static_assert(offsetof(KW_REG_CONTEXT, ValueType) == 4 && offsetof(KW_REG_CONTEXT, Data) == 8 &&
+                  offsetof(KW_REG_CONTEXT, DataSize) == 1032,
+              "context layout");
 
 class IHostTarget {
 public:
@@ -114,6 +122,7 @@ protected:
     HostNarrowString m_hostString;
     uint32_t m_hostValue;
 };
+static_assert(sizeof(IKwRulePlug) == 32, "eight operations, one table pointer");
 
 // {B607A471-B190-4466-A6E0-618174089D16}
 constexpr GUID IID_IKwRulePlug = {0xB607A471, 0xB190, 0x4466,

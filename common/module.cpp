@@ -1,5 +1,7 @@
 #include "common/module.h"
 
+#include "common/func_resolver.h"
+
 namespace kw {
 namespace {
 HMODULE g_module = nullptr;
@@ -26,9 +28,9 @@ bool IsThisCodeInTheProgram() noexcept {
 
 bool IsProcessEnding() noexcept {
     using RtlDllShutdownInProgressFn = BOOLEAN(WINAPI*)();
+    // Asked while the process ends: a plain look-up, no resolver object.
     static const RtlDllShutdownInProgressFn fn =
-        reinterpret_cast<RtlDllShutdownInProgressFn>(reinterpret_cast<void*>(
-            GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "RtlDllShutdownInProgress")));
+        ProcAddress<RtlDllShutdownInProgressFn>(GetModuleHandleW(L"ntdll.dll"), "RtlDllShutdownInProgress");
     return fn && fn() != FALSE;
 }
 }  // namespace kw

@@ -1,8 +1,8 @@
 // The DLL's three exports and its start-up hook. No C++ exception leaves here.
 #include "common/module.h"
 #include "diag/log_writer.h"
+#include "common/func_resolver.h"
 #include "diag/trace.h"
-#include "plugin/func_resolver.h"
 #include "plugin/plug_deep_scan.h"
 
 #include <atomic>

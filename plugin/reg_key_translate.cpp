@@ -1,7 +1,7 @@
 #include "plugin/reg_key_translate.h"
 
 #include "common/strutil.h"
-#include "common/user_sid.h"
+#include "registry/user_sid.h"
 #include "diag/trace.h"
 #include "resolve/wow64.h"
 

@@ -3,6 +3,7 @@
 #include "common/handle.h"
 #include "common/strutil.h"
 #include "registry/clsid_string.h"
+#include "registry/reg_util.h"
 #include "resolve/wow64.h"
 
 #include <vector>
@@ -30,9 +31,7 @@ bool KeyExists(HKEY root, const wchar_t* path) noexcept {
 }
 
 // Reads the default value of root\classPath\serverName as text into
-// value[kServerValueCch]. The raw bytes are read whole (their size as the
-// registry reports it), then an odd last byte is dropped and the text ends at
-// the first NUL or at the data's end, cut to the buffer.
+// value[kServerValueCch], cut to the buffer.
 bool ReadServerValue(HKEY root, const wchar_t* classPath, const wchar_t* serverName,
                      wchar_t (&value)[kServerValueCch]) noexcept {
     value[0] = L'\0';
@@ -41,27 +40,10 @@ bool ReadServerValue(HKEY root, const wchar_t* classPath, const wchar_t* serverN
     unique_hkey key;
     if (RegOpenKeyExW(root, serverPath, 0, KEY_READ | kNativeView, key.put()) != ERROR_SUCCESS)
         return false;
-    try {
-        std::vector<BYTE> data;
-        DWORD type = 0;
-        LONG rc = ERROR_MORE_DATA;
-        for (int attempt = 0; attempt < 4 && rc == ERROR_MORE_DATA; ++attempt) {
-            DWORD cb = 0;
-            rc = RegQueryValueExW(key.get(), nullptr, nullptr, &type, nullptr, &cb);
-            if (rc != ERROR_SUCCESS) return false;
-            data.assign(cb, 0);
-            rc = RegQueryValueExW(key.get(), nullptr, nullptr, &type, cb ? data.data() : nullptr, &cb);
-            if (rc == ERROR_SUCCESS) data.resize(cb);
-        }
-        if (rc != ERROR_SUCCESS) return false;
-        if (type != REG_SZ && type != REG_EXPAND_SZ) return false;
-        CopyBounded(value, kServerValueCch, reinterpret_cast<const wchar_t*>(data.data()),
-                    data.size() / sizeof(wchar_t));
-        return true;
-    } catch (...) {
-        value[0] = L'\0';
-        return false;
-    }
+    std::wstring text;
+    if (!RegQueryString(key.get(), nullptr, text)) return false;
+    CopyBounded(value, kServerValueCch, text.c_str(), text.size());
+    return true;
 }
 
 }  // namespace
@@ -82,18 +64,16 @@ CEasyClsid::CEasyClsid(const wchar_t* userSid, const wchar_t* clsidText, BOOL us
     const bool haveSid = sid[0] != L'\0';
     const bool wow6432 = useWow6432Node && GetWow64Helper()->m_bIsWow64;
 
-    const char* classesPath = wow6432 ? "Software\\Classes\\Wow6432Node\\CLSID\\%ls"
-                                      : "Software\\Classes\\CLSID\\%ls";
-    FormatBounded(m_szMachinePath, MAX_PATH, classesPath, m_szClsid);
+    // The classes path below a root, with or without the 32-bit node.
+    const wchar_t* const node = wow6432 ? L"Wow6432Node\\" : L"";
+    FormatBounded(m_szMachinePath, MAX_PATH, "Software\\Classes\\%lsCLSID\\%ls", node, m_szClsid);
     if (haveSid) {
-        FormatBounded(m_szUserPath, MAX_PATH,
-                      wow6432 ? "%ls\\Software\\Classes\\Wow6432Node\\CLSID\\%ls"
-                              : "%ls\\Software\\Classes\\CLSID\\%ls",
-                      sid, m_szClsid);
+        FormatBounded(m_szUserPath, MAX_PATH, "%ls\\Software\\Classes\\%lsCLSID\\%ls", sid,
+                      node, m_szClsid);
     } else {
         // Without a SID the user path is looked up directly under HKEY_USERS,
         // where it never exists; deliberate: only a SID names per-user classes.
-        FormatBounded(m_szUserPath, MAX_PATH, classesPath, m_szClsid);
+        FormatBounded(m_szUserPath, MAX_PATH, "Software\\Classes\\%lsCLSID\\%ls", node, m_szClsid);
     }
 
     struct ClassKey {

@@ -1,10 +1,12 @@
 #include "registry/multi_user_reg.h"
 
+#include "common/func_resolver.h"
 #include "common/handle.h"
 #include "common/strutil.h"
+#include "common/sys_text.h"
 #include "diag/trace.h"
-#include "resolve/expand_path.h"
-#include "resolve/wow64.h"
+#include "registry/folder_names.h"
+#include "registry/reg_util.h"
 
 #include <vector>
 
@@ -20,10 +22,9 @@ constexpr DWORD kCbProfilePathMax = 4096 * sizeof(wchar_t);
 // own variables never come from the process.
 bool SystemVariable(const std::wstring& upperName, std::wstring& value) {
     if (IsPerUserVariable(upperName)) return false;
-    wchar_t buf[MAX_PATH] = {0};
-    DWORD n = GetEnvironmentVariableW(upperName.c_str(), buf, MAX_PATH);
-    if (n == 0 || n >= MAX_PATH) return false;
-    value.assign(buf, n);
+    std::wstring text;
+    if (!kw::GetEnvironmentText(upperName.c_str(), text) || text.size() >= MAX_PATH) return false;
+    value.swap(text);
     return true;
 }
 
@@ -46,14 +47,11 @@ bool ReadProfileImagePath(const std::wstring& sid, std::wstring& path, bool* ent
                              key.put()) != ERROR_SUCCESS)
         return false;
     if (entryExists) *entryExists = true;
-    std::vector<wchar_t> data(kCbProfilePathMax / sizeof(wchar_t) + 1, L'\0');
-    DWORD type = 0;
-    DWORD cb = kCbProfilePathMax;
-    if (kw::DynRegQueryValueExW(key.get(), L"ProfileImagePath", nullptr, &type,
-                                reinterpret_cast<BYTE*>(data.data()), &cb) != ERROR_SUCCESS)
+    std::wstring raw;
+    DWORD cb = 0;
+    if (!kw::RegQueryString(key.get(), L"ProfileImagePath", raw, nullptr, &cb) ||
+        cb > kCbProfilePathMax)
         return false;
-    if (type != REG_SZ && type != REG_EXPAND_SZ) return false;
-    const std::wstring raw(data.data(), kw::LenBounded(data.data(), cb / sizeof(wchar_t)));
     path = ExpandUserText(raw, SystemVariable);
     // A trailing separator would double the one of "\NTUSER.dat".
     while (path.size() > 3 && path.back() == L'\\') path.pop_back();

@@ -1,31 +1,16 @@
 #include "registry/reg_util.h"
 
 #include "common/strutil.h"
+#include "common/sys_text.h"
 
 #include <vector>
 
 namespace kw {
 
-namespace {
-
-// Read access used by the enumerator: KEY_READ spelt as its value.
-constexpr REGSAM kEnumAccess = 0x20019;
-// Longest text the expansion wrapper will produce before it is cut; the
-// environment block itself is limited to this size.
-constexpr DWORD kExpandMaxCch = 32767;
-// Longest sub-key name the enumerator grows its buffer to.
-constexpr DWORD kKeyNameMaxCch = 32767;
-
-// Opens root\subKey for reading in the view that `extraAccess` names; an empty
-// sub-key path opens root itself again.
-LONG OpenForRead(HKEY root, const wchar_t* subKey, REGSAM extraAccess, unique_hkey& key) noexcept {
-    return RegOpenKeyExW(root, subKey ? subKey : L"", 0, KEY_READ | extraAccess, key.put());
-}
-
 // Reads a value's raw bytes whole into `data` (its size is the size the
 // registry reports). Retries when the value grows between the size query and
 // the read.
-LONG ReadRawValue(HKEY key, const wchar_t* valueName, DWORD& type, std::vector<BYTE>& data) noexcept {
+LONG RegQueryRaw(HKEY key, const wchar_t* valueName, DWORD& type, std::vector<BYTE>& data) noexcept {
     try {
         for (int attempt = 0; attempt < 4; ++attempt) {
             DWORD cb = 0;
@@ -45,49 +30,58 @@ LONG ReadRawValue(HKEY key, const wchar_t* valueName, DWORD& type, std::vector<B
     }
 }
 
+std::wstring RegDataText(const void* data, size_t cb) {
+    const wchar_t* p = static_cast<const wchar_t*>(data);
+    return p ? std::wstring(p, LenBounded(p, cb / sizeof(wchar_t))) : std::wstring();
+}
+
+bool RegQueryString(HKEY key, const wchar_t* valueName, std::wstring& text, DWORD* type,
+                    DWORD* cbData) noexcept {
+    text.clear();
+    if (type) *type = REG_NONE;
+    if (cbData) *cbData = 0;
+    try {
+        DWORD t = REG_NONE;
+        std::vector<BYTE> data;
+        if (RegQueryRaw(key, valueName, t, data) != ERROR_SUCCESS) return false;
+        if (t != REG_SZ && t != REG_EXPAND_SZ) return false;
+        text = RegDataText(data.data(), data.size());
+        if (type) *type = t;
+        if (cbData) *cbData = static_cast<DWORD>(data.size());
+        return true;
+    } catch (...) {
+        text.clear();
+        return false;
+    }
+}
+
+namespace {
+
+// Read access used by the enumerator: KEY_READ spelt as its value.
+constexpr REGSAM kEnumAccess = 0x20019;
+// Longest sub-key name the enumerator grows its buffer to.
+constexpr DWORD kKeyNameMaxCch = 32767;
+
+// Opens root\subKey for reading in the view that `extraAccess` names; an empty
+// sub-key path opens root itself again.
+LONG OpenForRead(HKEY root, const wchar_t* subKey, REGSAM extraAccess, unique_hkey& key) noexcept {
+    return RegOpenKeyExW(root, subKey ? subKey : L"", 0, KEY_READ | extraAccess, key.put());
+}
+
 // The characters of raw registry data: an odd last byte is dropped.
 size_t CharCount(const std::vector<BYTE>& data) noexcept { return data.size() / sizeof(wchar_t); }
 
-// Text of raw string data: up to the first NUL or the data's end, whichever
-// comes first.
-std::wstring TextOf(const std::vector<BYTE>& data) {
-    const wchar_t* p = reinterpret_cast<const wchar_t*>(data.data());
-    return std::wstring(p, LenBounded(p, CharCount(data)));
-}
+std::wstring TextOf(const std::vector<BYTE>& data) { return RegDataText(data.data(), data.size()); }
 
 // Expands environment tokens of `src` into dst[cchDst], cutting the result at
 // cchDst - 1 characters and always terminating.
-// Length convention of ExpandEnvironmentStringsW: the answer counts the
-// terminating NUL, both when the text fit and when it names the size needed;
-// 0 means failure. A too-small buffer's content is not relied on, so a result
-// that does not fit is expanded again into a buffer of the size asked for and
-// then cut.
 bool ExpandEnvBounded(const wchar_t* src, wchar_t* dst, size_t cchDst) noexcept {
     if (!dst || cchDst == 0) return false;
     dst[0] = L'\0';
-    DWORD cchNeeded = ExpandEnvironmentStringsW(src, dst, static_cast<DWORD>(cchDst));
-    if (cchNeeded == 0) {
-        dst[0] = L'\0';
-        return false;
-    }
-    if (cchNeeded <= cchDst) {
-        dst[cchNeeded - 1] = L'\0';
-        return true;
-    }
-    try {
-        DWORD cchBig = cchNeeded < kExpandMaxCch ? cchNeeded : kExpandMaxCch;
-        std::vector<wchar_t> big(cchBig + 1, L'\0');
-        DWORD cchGot = ExpandEnvironmentStringsW(src, big.data(), cchBig);
-        if (cchGot == 0 || cchGot > cchBig) {
-            dst[0] = L'\0';
-            return false;
-        }
-        CopyBounded(dst, cchDst, big.data(), cchGot);
-        return true;
-    } catch (...) {
-        dst[0] = L'\0';
-        return false;
-    }
+    std::wstring full;
+    if (!ExpandEnvironmentText(src, full)) return false;
+    CopyBounded(dst, cchDst, full.c_str(), full.size());
+    return true;
 }
 
 // Whether `s` from `pos` holds the path component `name` (whole, any case);
@@ -114,7 +108,7 @@ bool RegReadExpandedString(HKEY root, const wchar_t* subKey, const wchar_t* valu
     if (OpenForRead(root, subKey, extraAccess, key) != ERROR_SUCCESS) return false;
     DWORD type = 0;
     std::vector<BYTE> data;
-    if (ReadRawValue(key.get(), valueName, type, data) != ERROR_SUCCESS) return false;
+    if (RegQueryRaw(key.get(), valueName, type, data) != ERROR_SUCCESS) return false;
     if (type != REG_SZ && type != REG_EXPAND_SZ) return false;
 
     std::wstring text = TextOf(data);
@@ -136,7 +130,7 @@ bool RegReadRawText(HKEY root, const wchar_t* subKey, const wchar_t* valueName, 
     if (OpenForRead(root, subKey, extraAccess, key) != ERROR_SUCCESS) return false;
     DWORD t = 0;
     std::vector<BYTE> data;
-    if (ReadRawValue(key.get(), valueName, t, data) != ERROR_SUCCESS) return false;
+    if (RegQueryRaw(key.get(), valueName, t, data) != ERROR_SUCCESS) return false;
     text.assign(reinterpret_cast<const wchar_t*>(data.data()), CharCount(data));
     if (type) *type = t;
     return true;

@@ -20,6 +20,20 @@ namespace kw {
 // RegReadExpandedString holds at most kExpandedValueCch - 1 (519) characters.
 constexpr size_t kExpandedValueCch = 520;
 
+// The one reader of a value of an open key: its raw bytes whole (the size the
+// registry reports; retried when the value grows in between). ERROR_SUCCESS
+// or the registry's code.
+[[nodiscard]] LONG RegQueryRaw(HKEY key, const wchar_t* valueName, DWORD& type,
+                               std::vector<BYTE>& data) noexcept;
+// The text of raw string data of cb bytes: an odd last byte is dropped and the
+// text ends at the first NUL or at the data's end.
+std::wstring RegDataText(const void* data, size_t cb);
+// A string value (REG_SZ or REG_EXPAND_SZ, never expanded) of an open key as
+// RegDataText gives it; `cbData` receives the raw size. False (text empty) when
+// the value is missing or of another type.
+[[nodiscard]] bool RegQueryString(HKEY key, const wchar_t* valueName, std::wstring& text,
+                                  DWORD* type = nullptr, DWORD* cbData = nullptr) noexcept;
+
 // Reads a string value (REG_SZ or REG_EXPAND_SZ) under root\subKey (an empty
 // or null subKey reads from root itself), opened with KEY_READ plus
 // `extraAccess`. REG_EXPAND_SZ text is expanded with the process environment;
@@ -28,13 +42,13 @@ constexpr size_t kExpandedValueCch = 520;
 // A null valueName reads the default value. False (out empty) when the key or
 // value is missing or of another type. Refusals are not traced (a missing
 // value is the normal case for the callers).
-bool RegReadExpandedString(HKEY root, const wchar_t* subKey, const wchar_t* valueName,
+[[nodiscard]] bool RegReadExpandedString(HKEY root, const wchar_t* subKey, const wchar_t* valueName,
                            REGSAM extraAccess, std::wstring& out);
 
 // Reads a value whole as characters, whatever its type: NULs are kept (a
 // multi-string stays whole) and an odd last byte is dropped. `type` receives
 // the value's type. False (text empty) when the key or value cannot be read.
-bool RegReadRawText(HKEY root, const wchar_t* subKey, const wchar_t* valueName, REGSAM extraAccess,
+[[nodiscard]] bool RegReadRawText(HKEY root, const wchar_t* subKey, const wchar_t* valueName, REGSAM extraAccess,
                     DWORD* type, std::wstring& text);
 
 // The strings of a multi-string text: split at NULs, empty strings left out,
@@ -47,7 +61,7 @@ std::vector<std::wstring> SplitMultiString(const std::wstring& raw);
 // ("a\0b"; empty strings inside the data stay as they are; callers skip empty
 // pieces). A missing final NUL and an odd byte count are tolerated. False (raw
 // empty) when the key or value is missing or of another type.
-bool RegReadMultiString(HKEY root, const wchar_t* subKey, const wchar_t* valueName,
+[[nodiscard]] bool RegReadMultiString(HKEY root, const wchar_t* subKey, const wchar_t* valueName,
                         REGSAM extraAccess, std::wstring& raw);
 
 // Whether subKey under root names a key of the 32-bit registry view, as 64-bit
@@ -73,7 +87,7 @@ public:
     virtual ~CEnumKey() = default;
     bool IsOpen() const { return m_key.valid() || m_useRoot; }
     // The name at `index`; false (name empty) when the enumeration ends or fails.
-    bool Next(DWORD index, std::wstring& name);
+    [[nodiscard]] bool Next(DWORD index, std::wstring& name);
 
 private:
     unique_hkey m_key;

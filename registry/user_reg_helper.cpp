@@ -1,11 +1,13 @@
 #include "registry/user_reg_helper.h"
 
+#include "common/func_resolver.h"
 #include "common/handle.h"
 #include "common/strutil.h"
+#include "common/sys_text.h"
 #include "diag/trace.h"
+#include "registry/folder_names.h"
+#include "registry/reg_util.h"
 #include "registry/user_reg_hive.h"
-#include "resolve/expand_path.h"
-#include "resolve/wow64.h"
 
 #include <vector>
 
@@ -60,19 +62,16 @@ std::vector<RawValue> ReadStringValues(const std::wstring& path) {
         if (rc == ERROR_MORE_DATA) continue;  // longer than any path: skipped
         if (rc != ERROR_SUCCESS) break;
         if (type != REG_SZ && type != REG_EXPAND_SZ) continue;
-        const size_t cchData = cbData / sizeof(wchar_t);
-        const size_t len = kw::LenBounded(data.data(), cchData);
         values.push_back(RawValue{std::wstring(name.data(), kw::LenBounded(name.data(), cchName)),
-                                  std::wstring(data.data(), len)});
+                                  kw::RegDataText(data.data(), cbData)});
     }
     return values;
 }
 
 bool ProcessEnvironmentValue(const std::wstring& name, std::wstring& value) {
-    std::vector<wchar_t> buf(kCchValueMax + 1, L'\0');
-    DWORD n = GetEnvironmentVariableW(name.c_str(), buf.data(), static_cast<DWORD>(buf.size()));
-    if (n == 0 || n >= buf.size()) return false;
-    value.assign(buf.data(), n);
+    std::wstring text;
+    if (!kw::GetEnvironmentText(name.c_str(), text) || text.size() > kCchValueMax) return false;
+    value.swap(text);
     return true;
 }
 

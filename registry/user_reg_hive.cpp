@@ -1,7 +1,7 @@
 #include "registry/user_reg_hive.h"
 
+#include "common/func_resolver.h"
 #include "diag/trace.h"
-#include "resolve/wow64.h"
 
 namespace kw_user {
 

@@ -3,6 +3,7 @@
 #include "resolve/expand_path.h"
 
 #include "common/strutil.h"
+#include "common/sys_text.h"
 #include "diag/trace.h"
 #include "registry/multi_user_reg.h"
 #include "resolve/wow64.h"
@@ -37,12 +38,14 @@ bool CallExpandForUser(HANDLE hUserToken, const wchar_t* text, wchar_t* out, DWO
     return true;
 }
 
-// ExpandEnvironmentStringsW with the process environment: the returned count
-// includes the terminator and is what the caller judges (1..4095 counts).
+// Expands with the process environment into out[cchOut] (cut, terminated) and
+// returns the text's length with its terminator, which the caller judges
+// (1..4095 counts); 0 on failure.
 DWORD CallExpandProcessEnv(const wchar_t* text, wchar_t* out, DWORD cchOut) {
-    DWORD n = ExpandEnvironmentStringsW(text, out, cchOut);
-    out[cchOut - 1] = L'\0';
-    return n;
+    std::wstring full;
+    if (!ExpandEnvironmentText(text, full)) return 0;
+    CopyBounded(out, cchOut, full.c_str(), full.size());
+    return static_cast<DWORD>(full.size() + 1);
 }
 
 bool Contains(const std::wstring& text, const wchar_t* what) {

@@ -7,6 +7,8 @@
 // The folder tables are filled once per process (thread-safe) and never
 // refreshed; expansions of 4096 characters or more count as failures.
 #pragma once
+#include "registry/folder_names.h"
+
 #include <windows.h>
 
 #include <string>
@@ -50,22 +52,4 @@ void QueryFolderPath64(int folderId, wchar_t* out /* MAX_PATH */);
 // ExpandEnvironmentStringsForUserW; 0 when it fails (also: the result did not
 // fit cchOut) or out is null, else the length of out.
 DWORD ExpandForUser(HANDLE hUserToken, const wchar_t* text, wchar_t* out, DWORD cchOut);
-// The id of the first table row whose token name equals the ASCII upper-cased
-// name, or -1.
-int GetCsidlByName(const std::wstring& name);
-
-// The 40-row shell-folder name table.
-struct CsidlName {
-    const wchar_t* token;
-    int csidl;
-    const wchar_t* second;  // null when none
-};
-const CsidlName* GetCsidlNameTable(size_t* count);
-
-// Shell-folder and variable names are compared after ASCII upper-casing: only
-// 'a'..'z' change, everything else is compared exactly.
-std::wstring AsciiUpperName(const std::wstring& name);
-// Whether `name`, ASCII upper-cased, equals `upperText` exactly (no allocation).
-bool EqualsAsciiUpper(const std::wstring& name, const wchar_t* upperText);
-
 }  // namespace kw

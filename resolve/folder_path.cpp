@@ -1,10 +1,11 @@
 // Special-folder resolvers: the system's own folder ids 256..263 in the native
-// and the 64-bit view, shell folder ids through the shell, and the shell-folder
-// name table.
+// and the 64-bit view, and shell folder ids through the shell.
 #include "resolve/expand_path.h"
 
 #include "common/handle.h"
 #include "common/strutil.h"
+#include "common/sys_text.h"
+#include "registry/reg_util.h"
 
 #include <shlobj.h>
 
@@ -31,16 +32,13 @@ wchar_t g_wow64Table[kWow64LastId - kFirstPathId + 1][MAX_PATH];
 INIT_ONCE g_nativeOnce = INIT_ONCE_STATIC_INIT;
 INIT_ONCE g_wow64Once = INIT_ONCE_STATIC_INIT;
 
-// ExpandEnvironmentStringsW counts the terminator; a count above the buffer
-// means it did not fit (Wine then still writes a cut, terminated text).
+// Expands with the process environment into out[cchOut]; a text that does not
+// fit together with its terminator leaves out empty.
 bool ExpandProcessEnv(const wchar_t* text, wchar_t* out, DWORD cchOut) {
     out[0] = L'\0';
-    DWORD n = ExpandEnvironmentStringsW(text, out, cchOut);
-    if (n == 0 || n > cchOut) {
-        out[0] = L'\0';
-        return false;
-    }
-    out[cchOut - 1] = L'\0';
+    std::wstring full;
+    if (!ExpandEnvironmentText(text, full) || full.size() >= cchOut) return false;
+    CopyBounded(out, cchOut, full.c_str(), full.size());
     return true;
 }
 
@@ -54,23 +52,16 @@ void ReadCurrentVersionFolder(REGSAM sam, const wchar_t* valueName, DWORD cbBuff
     unique_hkey key;
     if (RegOpenKeyExW(HKEY_LOCAL_MACHINE, kCurrentVersionKey, 0, sam, key.put()) != ERROR_SUCCESS)
         return;
-    wchar_t data[kCbProgramFilesDir / sizeof(wchar_t)] = {0};
-    DWORD type = 0;
-    DWORD cb = cbBuffer;
-    if (RegQueryValueExW(key.get(), valueName, nullptr, &type, reinterpret_cast<BYTE*>(data),
-                         &cb) != ERROR_SUCCESS)
-        return;
-    if (type != REG_SZ && type != REG_EXPAND_SZ) return;
-    const size_t cchBuffer = cbBuffer / sizeof(wchar_t);
-    const size_t cchData = (cb < cbBuffer ? cb : cbBuffer) / sizeof(wchar_t);
-    const size_t len = LenBounded(data, cchData);
-    if (len >= cchBuffer) return;  // no room left for the terminator: does not fit
-    data[len] = L'\0';
+    std::wstring data;
+    DWORD type = 0, cb = 0;
+    if (!RegQueryString(key.get(), valueName, data, &type, &cb) || cb > cbBuffer) return;
+    // No room left for the terminator: does not fit.
+    if (data.size() >= cbBuffer / sizeof(wchar_t)) return;
     if (expand && type == REG_EXPAND_SZ) {
-        ExpandProcessEnv(data, out, MAX_PATH);
+        ExpandProcessEnv(data.c_str(), out, MAX_PATH);
         return;
     }
-    CopyBounded(out, MAX_PATH, data);
+    CopyBounded(out, MAX_PATH, data.c_str());
 }
 
 void FillCommonEntries(wchar_t (*table)[MAX_PATH]) {
@@ -132,65 +123,12 @@ void QueryShellFolder(int folderId, wchar_t* out /* MAX_PATH */) {
     shellMalloc->Release();
 }
 
-const CsidlName kCsidlNames[] = {
-    {L"APPDATA", 0x1A, nullptr},
-    {L"LOCALAPPDATA", 0x1C, L"Local AppData"},
-    {L"DESKTOPDIR", 0x10, L"DESKTOP"},
-    {L"PROGRAMS", 0x02, nullptr},
-    {L"MYDOCUMENTS", 0x05, nullptr},
-    {L"PERSONAL", 0x05, nullptr},
-    {L"FAVORITES", 0x06, nullptr},
-    {L"STARTUP", 0x07, nullptr},
-    {L"RECENT", 0x08, nullptr},
-    {L"SENDTO", 0x09, nullptr},
-    {L"STARTMENU", 0x0B, L"Start Menu"},
-    {L"FONTS", 0x14, nullptr},
-    {L"COOKIES", 0x21, nullptr},
-    {L"HISTORY", 0x22, nullptr},
-    {L"TEMPLATES", 0x15, nullptr},
-    {L"USERPROFILE", 0x28, L"USERPROFILE"},
-    {L"WINDOWS", 0x24, nullptr},
-    {L"SYSTEM", 0x25, nullptr},
-    {L"PROGRAMFILESX86", 0x2A, nullptr},
-    {L"PROGRAMFILES", 0x26, nullptr},
-    {L"MYPICTURES", 0x27, L"My Pictures"},
-    {L"MYMUSIC", 0x0D, L"My Music"},
-    {L"MYVIDEO", 0x0E, L"My Video"},
-    {L"COMMONX86", 0x2C, nullptr},
-    {L"COMMONFILES", 0x2B, nullptr},
-    {L"COMMON_APPDATA", 0x23, L"Common AppData"},
-    {L"COMMON_DESKTOPDIR", 0x19, L"Common Desktop"},
-    {L"COMMON_DESKTOPDIRECTORY", 0x19, nullptr},
-    {L"COMMON_DOCUMENTS", 0x2E, L"Common Documents"},
-    {L"COMMON_FAVORITES", 0x1F, nullptr},
-    {L"COMMON_PROGRAMS", 0x17, L"Common Programs"},
-    {L"COMMON_STARTMENU", 0x16, L"Common Start Menu"},
-    {L"COMMON_STARTUP", 0x18, L"Common Startup"},
-    {L"COMMON_PICTURES", 0x36, L"CommonPictures"},
-    {L"COMMON_MUSIC", 0x35, L"CommonMusic"},
-    {L"COMMON_VIDEO", 0x37, L"CommonVideo"},
-    // The shared ids below (0x28 again, program files 0x26 for "Programs") are
-    // deliberate table contents that the per-user folder filing relies on.
-    {L"DEFAULT_PROFILE", 0x28, L"USERPROFILE"},
-    {L"DEFAULT_PROGRAMS", 0x26, L"Programs"},
-    {L"DEFAULT_STARTMENU", 0x0B, L"Start Menu"},
-    {L"DEFAULT_STARTUP", 0x07, L"Startup"},
-};
-static_assert(sizeof(kCsidlNames) / sizeof(kCsidlNames[0]) == 40, "the name table has 40 rows");
-
 // Thread-local result buffers (host threads resolve folders concurrently).
 thread_local wchar_t t_literalResult[MAX_PATH];
 thread_local wchar_t t_folderResult[MAX_PATH];
 thread_local wchar_t t_folder64Result[MAX_PATH];
 
 }  // namespace
-
-std::wstring AsciiUpperName(const std::wstring& name) {
-    std::wstring up = name;
-    for (wchar_t& c : up)
-        if (c >= L'a' && c <= L'z') c = static_cast<wchar_t>(c - L'a' + L'A');
-    return up;
-}
 
 void QueryFolderPath(int folderId, wchar_t* out) {
     if (!out) return;
@@ -232,27 +170,6 @@ const wchar_t* GetFolderPathById(int folderId) {
 const wchar_t* GetFolderPathById64(int folderId) {
     QueryFolderPath64(folderId, t_folder64Result);
     return t_folder64Result;
-}
-
-bool EqualsAsciiUpper(const std::wstring& name, const wchar_t* upperText) {
-    size_t i = 0;
-    for (; i < name.size(); ++i) {
-        wchar_t c = name[i];
-        if (c >= L'a' && c <= L'z') c = static_cast<wchar_t>(c - L'a' + L'A');
-        if (upperText[i] == L'\0' || c != upperText[i]) return false;
-    }
-    return upperText[i] == L'\0';
-}
-
-int GetCsidlByName(const std::wstring& name) {
-    for (const CsidlName& row : kCsidlNames)
-        if (EqualsAsciiUpper(name, row.token)) return row.csidl;
-    return -1;
-}
-
-const CsidlName* GetCsidlNameTable(size_t* count) {
-    if (count) *count = sizeof(kCsidlNames) / sizeof(kCsidlNames[0]);
-    return kCsidlNames;
 }
 
 }  // namespace kw

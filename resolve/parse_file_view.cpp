@@ -2,7 +2,9 @@
 
 #include "common/handle.h"
 #include "common/strutil.h"
+#include "common/sys_text.h"
 #include "diag/host_network_info.h"
+#include "registry/reg_util.h"
 #include "resolve/wow64.h"
 
 #include <shlwapi.h>
@@ -81,21 +83,19 @@ std::wstring PathInView(const std::wstring& path, BOOL bWow64View) {
 
 std::wstring LongPathInView(const std::wstring& path, BOOL bWow64View) {
     if (IsRemotePath(path)) return path;
-    wchar_t buf[MAX_PATH] = {0};
-    DWORD n = 0;
+    std::wstring longPath;
+    bool ok = false;
     {
         ScopedQuietErrors quiet;
         if (NeedsPause(bWow64View)) {
             CAutoWow64PauseDisable pause;
-            n = GetLongPathNameW(path.c_str(), buf, MAX_PATH);
+            ok = GetLongPathText(path.c_str(), longPath);
         } else {
-            n = GetLongPathNameW(path.c_str(), buf, MAX_PATH);
+            ok = GetLongPathText(path.c_str(), longPath);
         }
     }
-    // The count excludes the NUL when the name fits, and is the size needed
-    // (NUL included) when it does not.
-    if (n == 0 || n >= MAX_PATH) return path;
-    return std::wstring(buf, n);
+    if (!ok || longPath.empty() || longPath.size() >= MAX_PATH) return path;
+    return longPath;
 }
 
 std::vector<std::wstring> SystemSearchFolders(BOOL bWow64View) {
@@ -117,20 +117,9 @@ std::vector<std::wstring> SystemSearchFolders(BOOL bWow64View) {
 }
 
 std::wstring ReadEnvironmentVariable(const wchar_t* name) {
-    if (!name || !*name) return std::wstring();
-    // Returns the length without the NUL when it fits, else the size needed
-    // with the NUL; 0 when the variable is not set (or is empty).
-    wchar_t buf[MAX_PATH] = {0};
-    DWORD n = GetEnvironmentVariableW(name, buf, MAX_PATH);
-    if (n == 0) return std::wstring();
-    if (n < MAX_PATH) return std::wstring(buf, n);
-    const DWORD cch = n;
-    unique_heap heap(HeapAlloc(GetProcessHeap(), HEAP_ZERO_MEMORY, static_cast<SIZE_T>(cch) * sizeof(wchar_t)));
-    if (!heap) return std::wstring();
-    wchar_t* big = static_cast<wchar_t*>(heap.get());
-    n = GetEnvironmentVariableW(name, big, cch);
-    if (n == 0 || n >= cch) return std::wstring();  // changed in between: give up
-    return std::wstring(big, n);
+    std::wstring value;
+    if (!GetEnvironmentText(name, value)) value.clear();
+    return value;
 }
 
 bool ReadRegString(HKEY root, const std::wstring& subKey, const wchar_t* name, REGSAM sam,
@@ -141,27 +130,10 @@ bool ReadRegString(HKEY root, const std::wstring& subKey, const wchar_t* name, R
     unique_hkey key;
     if (RegOpenKeyExW(root, subKey.c_str(), 0, KEY_QUERY_VALUE | sam, key.put()) != ERROR_SUCCESS)
         return false;
-    DWORD t = REG_NONE;
-    alignas(wchar_t) BYTE small[1024];
-    DWORD cb = sizeof(small);
-    LONG r = RegQueryValueExW(key.get(), name, nullptr, &t, small, &cb);
-    std::unique_ptr<BYTE[]> large;
-    const BYTE* data = small;
-    if (r == ERROR_MORE_DATA) {
-        // Only the first cchMax characters are kept, but the whole value has
-        // to be read before it can be cut. Values beyond 1 MB are not text.
-        if (cb > (1u << 20)) return false;
-        large.reset(new (std::nothrow) BYTE[cb + 2]);
-        if (!large) return false;
-        r = RegQueryValueExW(key.get(), name, nullptr, &t, large.get(), &cb);
-        data = large.get();
-    }
-    if (r != ERROR_SUCCESS || (t != REG_SZ && t != REG_EXPAND_SZ)) return false;
-    const size_t cch = cb / sizeof(wchar_t);  // an odd last byte is dropped
-    std::wstring text(cch, L'\0');
-    if (cch) memcpy(&text[0], data, cch * sizeof(wchar_t));
-    size_t nul = text.find(L'\0');
-    if (nul != std::wstring::npos) text.erase(nul);
+    DWORD t = REG_NONE, cb = 0;
+    std::wstring text;
+    // Only the first cchMax characters are kept; values beyond 1 MB are not text.
+    if (!RegQueryString(key.get(), name, text, &t, &cb) || cb > (1u << 20)) return false;
     if (text.size() > cchMax - 1) text.erase(cchMax - 1);
     out.swap(text);
     if (type) *type = t;

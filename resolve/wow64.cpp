@@ -6,8 +6,10 @@
 #include <memory>
 #include <new>
 
+#include "common/func_resolver.h"
 #include "common/handle.h"
 #include "common/strutil.h"
+#include "common/sys_text.h"
 
 namespace kw {
 
@@ -18,9 +20,6 @@ using Wow64DisableFn = BOOL(WINAPI*)(PVOID*);
 using Wow64RevertFn = BOOL(WINAPI*)(PVOID);
 using IsOSFn = BOOL(WINAPI*)(DWORD);
 using RtlGetVersionFn = LONG(WINAPI*)(OSVERSIONINFOW*);
-using RegOpenKeyExWFn = LONG(WINAPI*)(HKEY, LPCWSTR, DWORD, REGSAM, PHKEY);
-using RegQueryValueExWFn = LONG(WINAPI*)(HKEY, LPCWSTR, LPDWORD, LPDWORD, LPBYTE, LPDWORD);
-using RegCloseKeyFn = LONG(WINAPI*)(HKEY);
 
 constexpr DWORD kOsWow6432 = 30;          // IsOS: 32-bit program on 64-bit Windows
 constexpr WORD kIsOsOrdinal = 437;        // IsOS is exported by ordinal only on old systems
@@ -32,12 +31,6 @@ constexpr REGSAM kSelectAccess = 0x20019;  // KEY_READ
 
 static_assert(sizeof(OSVERSIONINFOEXW) == 284, "published layout of the version record");
 static_assert(sizeof(OSVERSIONINFOW) == 276, "published layout of the short version record");
-
-template <typename Fn>
-Fn ProcFrom(HMODULE module, const char* name) noexcept {
-    if (!module) return nullptr;
-    return reinterpret_cast<Fn>(reinterpret_cast<void*>(GetProcAddress(module, name)));
-}
 
 // Joins a folder and a name with one backslash into a fixed buffer. False when
 // the folder is empty or the result does not fit (dst then holds the empty string).
@@ -81,26 +74,6 @@ wchar_t g_szControlSet[MAX_PATH] = {0};
 volatile LONG g_controlSetReady = 0;
 SRWLOCK g_controlSetLock = SRWLOCK_INIT;
 
-// Advapi32 entry points, loaded on first use and kept for the life of the process.
-HMODULE Advapi32() noexcept {
-    static HMODULE const module = LoadLibraryW(L"Advapi32.dll");
-    return module;
-}
-
-template <typename Fn>
-Fn AdvapiProc(std::atomic<Fn>& cache, const char* name) noexcept {
-    Fn fn = cache.load(std::memory_order_acquire);
-    if (!fn) {
-        fn = ProcFrom<Fn>(Advapi32(), name);
-        if (fn) cache.store(fn, std::memory_order_release);
-    }
-    return fn;
-}
-
-std::atomic<RegOpenKeyExWFn> g_pRegOpenKeyExW{nullptr};
-std::atomic<RegQueryValueExWFn> g_pRegQueryValueExW{nullptr};
-std::atomic<RegCloseKeyFn> g_pRegCloseKey{nullptr};
-
 // Reads HKLM\System\Select "Current" into dst as the control-set name.
 bool ReadControlSetName(wchar_t* dst, size_t cchDst) noexcept {
     HKEY key = nullptr;
@@ -122,10 +95,9 @@ BOOL MapSystem32ToFolder(const std::wstring& path, std::wstring& out,
     try {
         std::wstring current = path;
         if (current.find(L'~') != std::wstring::npos) {
-            wchar_t longName[MAX_PATH] = {0};
-            // Returns the length without the NUL when it fits, the size needed otherwise.
-            DWORD n = GetLongPathNameW(current.c_str(), longName, MAX_PATH);
-            if (n != 0 && n < MAX_PATH) current = longName;
+            std::wstring longName;
+            if (GetLongPathText(current.c_str(), longName) && longName.size() < MAX_PATH)
+                current = longName;
         }
         wchar_t windowsDir[MAX_PATH] = {0};
         wchar_t system32[MAX_PATH] = {0};
@@ -165,16 +137,16 @@ BOOL MapSystem32ToFolder(const std::wstring& path, std::wstring& out,
 // ---------------------------------------------------------------------------
 // WOW64 detection and redirection
 
-BOOL IsProcessWow64() {
+BOOL IsProcessWow64() noexcept {
     static IsWow64ProcessFn const fn =
-        ProcFrom<IsWow64ProcessFn>(GetModuleHandleW(L"kernel32"), "IsWow64Process");
+        ResolveProc<IsWow64ProcessFn>(L"kernel32", "IsWow64Process");
     if (!fn) return 0;
     BOOL wow64 = 0;
     if (!fn(GetCurrentProcess(), &wow64)) return 0;
     return wow64 ? 1 : 0;
 }
 
-BOOL IsOsWow6432() {
+BOOL IsOsWow6432() noexcept {
     HMODULE module = GetModuleHandleW(L"shlwapi.dll");
     unique_module loaded;
     if (!module) {
@@ -185,23 +157,23 @@ BOOL IsOsWow6432() {
         SetLastError(kErrorOldWinVersion);
         return 0;
     }
-    IsOSFn fn = ProcFrom<IsOSFn>(module, MAKEINTRESOURCEA(kIsOsOrdinal));
+    IsOSFn fn = ProcAddress<IsOSFn>(module, MAKEINTRESOURCEA(kIsOsOrdinal));
     BOOL result = fn ? fn(kOsWow6432) : 0;
     loaded.reset();
     SetLastError(0);
     return result ? 1 : 0;
 }
 
-BOOL DisableFsRedirection(PVOID* pOldValue) {
-    static Wow64DisableFn const fn = ProcFrom<Wow64DisableFn>(
-        GetModuleHandleW(L"Kernel32.dll"), "Wow64DisableWow64FsRedirection");
+BOOL DisableFsRedirection(PVOID* pOldValue) noexcept {
+    static Wow64DisableFn const fn = ResolveProc<Wow64DisableFn>(
+        L"Kernel32.dll", "Wow64DisableWow64FsRedirection");
     if (!fn) return 0;
     return fn(pOldValue);
 }
 
-BOOL RevertFsRedirection(PVOID oldValue) {
-    static Wow64RevertFn const fn = ProcFrom<Wow64RevertFn>(
-        GetModuleHandleW(L"Kernel32.dll"), "Wow64RevertWow64FsRedirection");
+BOOL RevertFsRedirection(PVOID oldValue) noexcept {
+    static Wow64RevertFn const fn = ResolveProc<Wow64RevertFn>(
+        L"Kernel32.dll", "Wow64RevertWow64FsRedirection");
     if (!fn) return 0;
     return fn(oldValue);
 }
@@ -270,7 +242,7 @@ void COSVersionCheck::Read(OSVERSIONINFOEXW* osvi, LONG* corrected) const {
     }
 
     static RtlGetVersionFn const rtlGetVersion =
-        ProcFrom<RtlGetVersionFn>(GetModuleHandleW(L"ntdll"), "RtlGetVersion");
+        ResolveProc<RtlGetVersionFn>(L"ntdll", "RtlGetVersion");
     if (rtlGetVersion) {
         OSVERSIONINFOEXW rtl;
         std::memset(&rtl, 0, sizeof(rtl));
@@ -315,7 +287,7 @@ COSVersionCheck* GetOSVersionCheck() {
     return g_osVersionCheck;
 }
 
-BOOL GetOsVersionInfo(OSVERSIONINFOW* osvi) {
+BOOL GetOsVersionInfo(OSVERSIONINFOW* osvi) noexcept {
     if (!osvi) return 0;
     const COSVersionCheck* check = GetOSVersionCheck();
     OSVERSIONINFOEXW fresh;
@@ -333,7 +305,7 @@ BOOL GetOsVersionInfo(OSVERSIONINFOW* osvi) {
     return 1;
 }
 
-BOOL IsWin7OrLater() {
+BOOL IsWin7OrLater() noexcept {
     OSVERSIONINFOW osvi;
     std::memset(&osvi, 0, sizeof(osvi));
     osvi.dwOSVersionInfoSize = sizeof(osvi);
@@ -343,7 +315,7 @@ BOOL IsWin7OrLater() {
                : 0;
 }
 
-BOOL IsVistaOrLater() {
+BOOL IsVistaOrLater() noexcept {
     OSVERSIONINFOW osvi;
     std::memset(&osvi, 0, sizeof(osvi));
     osvi.dwOSVersionInfoSize = sizeof(osvi);
@@ -403,7 +375,7 @@ BOOL MapSystem32ToSysnative(const std::wstring& path, std::wstring& out) {
 // ---------------------------------------------------------------------------
 // Control set
 
-const wchar_t* GetCurrentControlSetName() {
+const wchar_t* GetCurrentControlSetName() noexcept {
     if (InterlockedCompareExchange(&g_controlSetReady, 0, 0) != 0) return g_szControlSet;
     AcquireSRWLockExclusive(&g_controlSetLock);
     if (!g_controlSetReady) {
@@ -419,30 +391,6 @@ const wchar_t* GetCurrentControlSetName() {
     }
     ReleaseSRWLockExclusive(&g_controlSetLock);
     return g_szControlSet;
-}
-
-// ---------------------------------------------------------------------------
-// Registry entry points loaded on demand
-
-LONG DynRegOpenKeyExW(HKEY key, const wchar_t* subKey, DWORD options, REGSAM sam, HKEY* out) {
-    RegOpenKeyExWFn fn = AdvapiProc(g_pRegOpenKeyExW, "RegOpenKeyExW");
-    if (!fn) {
-        if (out) *out = nullptr;
-        return -1;
-    }
-    return fn(key, subKey, options, sam, out);
-}
-
-LONG DynRegQueryValueExW(HKEY key, const wchar_t* name, DWORD* reserved, DWORD* type,
-                         BYTE* data, DWORD* cbData) {
-    RegQueryValueExWFn fn = AdvapiProc(g_pRegQueryValueExW, "RegQueryValueExW");
-    if (!fn) return -1;
-    return fn(key, name, reserved, type, data, cbData);
-}
-
-void DynRegCloseKey(HKEY key) {
-    RegCloseKeyFn fn = AdvapiProc(g_pRegCloseKey, "RegCloseKey");
-    if (fn && key) fn(key);
 }
 
 }  // namespace kw

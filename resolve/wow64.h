@@ -28,10 +28,10 @@ public:
 // The process-wide helper, initialised on first use.
 CWow64Helper* GetWow64Helper();
 
-BOOL IsProcessWow64();
-BOOL IsOsWow6432();
-BOOL DisableFsRedirection(PVOID* pOldValue);
-BOOL RevertFsRedirection(PVOID oldValue);
+BOOL IsProcessWow64() noexcept;
+BOOL IsOsWow6432() noexcept;
+BOOL DisableFsRedirection(PVOID* pOldValue) noexcept;
+BOOL RevertFsRedirection(PVOID oldValue) noexcept;
 
 // Pauses file-system redirection on this thread for the object's scope.
 class CAutoWow64PauseDisable {
@@ -60,30 +60,24 @@ public:
 COSVersionCheck* GetOSVersionCheck();
 // Copies the version record into osvi, at most min(osvi->dwOSVersionInfoSize, 284)
 // bytes (the size field is copied too). Returns 1; 0 for a null record.
-BOOL GetOsVersionInfo(OSVERSIONINFOW* osvi);
-BOOL IsWin7OrLater();
-BOOL IsVistaOrLater();
+BOOL GetOsVersionInfo(OSVERSIONINFOW* osvi) noexcept;
+BOOL IsWin7OrLater() noexcept;
+BOOL IsVistaOrLater() noexcept;
 
 // Under WOW64, a path below <Windows>\System32 (any case, '/' or doubled '\'
 // allowed) becomes <Windows>\SysWow64 or <Windows>\Sysnative plus the rest;
 // any other path (after its short names are made long) is returned as given.
 // Returns 1, or 0 with out empty when the mapped path cannot be formed.
-BOOL MapSystem32ToSysWow64(const std::wstring& path, std::wstring& out);
-BOOL MapSystem32ToSysnative(const std::wstring& path, std::wstring& out);
+[[nodiscard]] BOOL MapSystem32ToSysWow64(const std::wstring& path, std::wstring& out);
+[[nodiscard]] BOOL MapSystem32ToSysnative(const std::wstring& path, std::wstring& out);
 // <Windows>\SysNative\ntoskrnl.exe under WOW64, else <Windows>\System32\ntoskrnl.exe.
 // S_OK, or E_FAIL when the Windows directory cannot be read or does not fit.
-HRESULT GetNtoskrnlPath(wchar_t* out /* MAX_PATH */);
+[[nodiscard]] HRESULT GetNtoskrnlPath(wchar_t* out /* MAX_PATH */);
 // The fixed part of a file's version resource; nonzero on success.
-BOOL GetFileFixedVersion(const wchar_t* path, VS_FIXEDFILEINFO* out);
+[[nodiscard]] BOOL GetFileFixedVersion(const wchar_t* path, VS_FIXEDFILEINFO* out);
 
 // "ControlSet00%d" of HKLM\System\Select "Current", computed once per process;
 // empty when the key or value cannot be read (then retried on the next call).
-const wchar_t* GetCurrentControlSetName();
-
-// Registry entry points loaded on demand from Advapi32.dll; -1 when missing.
-LONG DynRegOpenKeyExW(HKEY key, const wchar_t* subKey, DWORD options, REGSAM sam, HKEY* out);
-LONG DynRegQueryValueExW(HKEY key, const wchar_t* name, DWORD* reserved, DWORD* type,
-                         BYTE* data, DWORD* cbData);
-void DynRegCloseKey(HKEY key);
+const wchar_t* GetCurrentControlSetName() noexcept;
 
 }  // namespace kw

@@ -7,6 +7,7 @@
 #include "diag/host_network_info.h"
 #include "diag/trace.h"
 #include "support/child.h"
+#include "support/kit.h"
 #include "support/recording_sink.h"
 
 #include <gtest/gtest.h>
@@ -21,12 +22,6 @@
 using namespace kw;
 
 namespace {
-
-std::string Sanitize(const char* name) {
-    std::string s;
-    for (const char* p = name; *p; ++p) s.push_back(isalnum(static_cast<unsigned char>(*p)) ? *p : '_');
-    return s;
-}
 
 // The machine's host name as the system reports it (read here, independently
 // of the unit under test).
@@ -169,7 +164,7 @@ INSTANTIATE_TEST_SUITE_P(
         LocalHostRow{"localhost plus one, length 9", LocalhostX, 9, true, true},
         LocalHostRow{"unknown name", Unknown, -1, true, false},
         LocalHostRow{"length 0 names no machine", Same, 0, true, false}),
-    [](const ::testing::TestParamInfo<LocalHostRow>& i) { return Sanitize(i.param.name); });
+    kwtest::ByRowName());
 
 TEST(IsLocalHost, NullNameAndEveryAddress) {
     CHostNetworkInfo info;
@@ -233,7 +228,7 @@ INSTANTIATE_TEST_SUITE_P(
         SplitRow{"empty share", L"\\\\server\\\\x", false, L"", L"", L""},
         SplitRow{"empty host", L"\\\\\\share\\x", false, L"", L"", L""},
         SplitRow{"empty text", L"", false, L"", L"", L""}),
-    [](const ::testing::TestParamInfo<SplitRow>& i) { return Sanitize(i.param.name); });
+    kwtest::ByRowName());
 
 TEST(JoinShareLocalPath, ExactlyOneSeparator) {
     struct Row {
@@ -320,10 +315,7 @@ TEST_F(HostNetworkInfoTest, ToLocalPathRewritesLocalSharePaths) {
 // The process-wide instance: created once, even when first asked for by
 // several threads at the same time.
 KW_CHILD_TEST(HostNetworkInfoInstance, CreatedOnceUnderConcurrentFirstUse) {
-    std::vector<CHostNetworkInfo*> seen(8, nullptr);
-    std::vector<std::thread> threads;
-    for (size_t i = 0; i < seen.size(); ++i) threads.emplace_back([&seen, i] { seen[i] = GetHostNetworkInfo(); });
-    for (auto& t : threads) t.join();
+    auto seen = kwtest::RaceFirstUse<CHostNetworkInfo*>(8, [] { return GetHostNetworkInfo(); });
     ASSERT_NE(nullptr, seen[0]);
     for (CHostNetworkInfo* p : seen) EXPECT_EQ(seen[0], p);
     EXPECT_EQ(seen[0], GetHostNetworkInfo());

@@ -1,5 +1,7 @@
 #include "registry/clsid_string.h"
 
+#include "support/kit.h"
+
 #include <gtest/gtest.h>
 #include <windows.h>
 
@@ -26,12 +28,6 @@ TEST_P(IsClsidStringTest, AcceptsOnlyTheTemplate) {
     EXPECT_EQ(r.expected, IsClsidString(r.text)) << r.name;
 }
 
-std::string RowName(const ::testing::TestParamInfo<ClsidTextRow>& info) {
-    std::string s;
-    for (const char* p = info.param.name; *p; ++p)
-        s.push_back(isalnum(static_cast<unsigned char>(*p)) ? *p : '_');
-    return s;
-}
 
 INSTANTIATE_TEST_SUITE_P(
     Rows, IsClsidStringTest,
@@ -62,7 +58,7 @@ INSTANTIATE_TEST_SUITE_P(
         ClsidTextRow{"full-width digit", L"{0123ABCD-4567-89EF-ABCD-0123456789E\xFF11}", false},
         ClsidTextRow{"dash where a hex digit belongs", L"{0123ABC--4567-89EF-ABCD-0123456789EF}", false},
         ClsidTextRow{"hex digit where a dash belongs", L"{0123ABCDE4567-89EF-ABCD-0123456789EF}", false}),
-    RowName);
+    kwtest::ByRowName());
 
 // A text shorter than 38 characters that ends just before an inaccessible
 // page: reading one character past its terminator would fault.

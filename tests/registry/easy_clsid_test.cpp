@@ -1,6 +1,7 @@
 #include "registry/easy_clsid.h"
 
 #include "support/fixtures.h"
+#include "support/kit.h"
 
 #include <gtest/gtest.h>
 #include <objbase.h>
@@ -32,11 +33,7 @@ std::wstring FreshClsid() {
     return text;
 }
 
-bool IsWow64() {
-    BOOL wow64 = FALSE;
-    IsWow64Process(GetCurrentProcess(), &wow64);
-    return wow64 != FALSE;
-}
+bool IsWow64() { return kwtest::ProcessIsWow64(); }
 
 // A class key made for one test. It remembers the highest key on its path
 // that did not exist before (a fresh prefix may lack the per-user CLSID key,

