@@ -17,7 +17,13 @@ const char* const kRules = R"({"RegParseConfig":[
  {"ParseID":2,"FunctionID":1,"CheckID":1,"RegRootkey":2147483650,"RegSubkey":"SOFTWARE\\Microsoft\\Windows NT\\CurrentVersion\\Winlogon","RegValueName":"Userinit","Parameter1":","},
  {"ParseID":76,"FunctionID":5,"CheckID":0},
  {"ParseID":23,"FunctionID":5,"CheckID":1,"RegRootkey":2147483650,"RegSubkey":"SOFTWARE\\X","RegValueName":"wanted"},
- {"ParseID":30,"FunctionID":12,"CheckID":0}
+ {"ParseID":30,"FunctionID":12,"CheckID":0},
+ {"ParseID":104,"FunctionID":4,"CheckID":0},
+ {"ParseID":107,"FunctionID":7,"CheckID":0},
+ {"ParseID":108,"FunctionID":8,"CheckID":0},
+ {"ParseID":109,"FunctionID":9,"CheckID":0},
+ {"ParseID":110,"FunctionID":10,"CheckID":0},
+ {"ParseID":111,"FunctionID":11,"CheckID":0}
 ]})";
 
 hostsim::PluginHost& Host() {
