@@ -102,7 +102,9 @@ TEST(Clsid, FromHostEventToServers) {
             }
         Host().Engine().ClearLines();
         auto targets = r.valueName ? PostSz(text[0], text[1], text[2], r.parseId) : PostKey(text[0], r.parseId);
-        EXPECT_EQ(text[3], Outcome());
+        std::wstring lines;  // shown when the outcome differs
+        for (const auto& l : Host().Engine().Lines()) lines += l.text + L"\n";
+        EXPECT_EQ(text[3], Outcome()) << ::testing::PrintToString(lines);
         std::set<std::wstring> expected;  // the listed paths, as the host's ordered targets
         for (size_t b = 0, e; (e = text[3].find(L';', b)) != std::wstring::npos; b = e + 1)
             if (e > b) expected.insert(kwtest::Upper(text[3].substr(b, e - b)));
