@@ -89,17 +89,26 @@ public:
     // Shared result steps.
     ResultEntryPtr CreateEntry(uint32_t dsid);
     uint32_t FillServerEntries(ResultEntryPtr entry, const CEasyClsid& lookup);
-    // Looks the CLSID's servers up (user and machine classes, the Wow6432Node
-    // forms when bNativeView is 0) and pushes one entry per server file; a
-    // class without servers pushes the entry as it is (its location only).
-    // Returns FillServerEntries' result, or 1 for the location-only push.
-    uint32_t ResolveClsidAndPush(ResultEntryPtr entry, const std::wstring& clsid);
     int ExpandShortName(ResultEntry* entry);
     int PushNotifyEntry(ResultEntryPtr entry);
     // One entry for a piece of the record's data (root key, sub-key, value
     // name and the piece set) handed to ParseFillNotify. False only when the
     // entry cannot be allocated.
     [[nodiscard]] bool ReportPiece(const ANALYZE_ITEM* pAnalizy, const std::wstring& piece, bool scriptStep);
+    // Looks the class up (CEasyClsid: the record user's classes, then the
+    // machine's, in the Wow6432Node view when bNativeView is 0) and hands
+    // each server command line to the result machinery through
+    // FillServerEntries; a class without a server pushes `entry` as it is, a
+    // location-only result. Takes ownership of `entry`; 1 success, 0 failure.
+    uint32_t ResolveClsidAndPush(ResultEntryPtr entry, const std::wstring& clsid);
+    // The second pass of the CLSID analyzers on a 64-bit system: with the
+    // view flags switched to the 32-bit registry and file-system views (and
+    // restored on every way out), one more entry (root key and sub-key of the
+    // record) is resolved and pushed. With `onlyWithServer` a probe lookup
+    // first checks that the 32-bit view has a server, and nothing is done
+    // without one. 0 done (or nothing to do), 1 when the entry cannot be made.
+    uint32_t ResolveClsidInWow32View(const ANALYZE_ITEM* pAnalizy, const std::wstring& clsid,
+                                     bool onlyWithServer);
 
     // The analyzers, one per FunctionID, each in its own file under analyze/
     // and reached through its row of the analyzer table. `param` is the

@@ -48,13 +48,6 @@ uint32_t CAnalizyOperate::FillServerEntries(ResultEntryPtr entry, const CEasyCls
     return ret;
 }
 
-uint32_t CAnalizyOperate::ResolveClsidAndPush(ResultEntryPtr entry, const std::wstring& clsid) {
-    CEasyClsid lookup(m_szSid, clsid.c_str(), !bNativeView);
-    if (!lookup.Servers().empty()) return FillServerEntries(std::move(entry), lookup);
-    ExpandShortName(entry.get());
-    return static_cast<uint32_t>(PushNotifyEntry(std::move(entry)));
-}
-
 bool CAnalizyOperate::ReportPiece(const ANALYZE_ITEM* pAnalizy, const std::wstring& piece, bool scriptStep) {
     ResultEntryPtr entry = CreateEntry(pAnalizy->dsid);
     if (!entry) return false;
@@ -64,6 +57,59 @@ bool CAnalizyOperate::ReportPiece(const ANALYZE_ITEM* pAnalizy, const std::wstri
     entry->valueData = piece;
     ParseFillNotify(piece, std::move(entry), false, nullptr, scriptStep);
     return true;
+}
+
+uint32_t CAnalizyOperate::ResolveClsidAndPush(ResultEntryPtr entry, const std::wstring& clsid) {
+    if (!entry) return 0;
+    CEasyClsid lookup(m_szSid, clsid.c_str(), bNativeView ? FALSE : TRUE);
+    if (!lookup.Servers().empty()) return FillServerEntries(std::move(entry), lookup);
+    // No server: the registry location itself is the result.
+    ExpandShortName(entry.get());
+    return static_cast<uint32_t>(PushNotifyEntry(std::move(entry)));
+}
+
+namespace {
+
+// Switches a record's view flags to the 32-bit registry view and the 32-bit
+// file-system view for the life of the object; the saved flags come back on
+// every way out of the scope.
+class CWow32ViewScope {
+public:
+    explicit CWow32ViewScope(CAnalizyOperate& op) noexcept
+        : m_op(op), m_native(op.bNativeView), m_parse(op.bWow64Parse), m_expand(op.bWow64Expand) {
+        op.bWow64Parse = 1;
+        op.bNativeView = 0;
+        op.bWow64Expand = 1;
+    }
+    ~CWow32ViewScope() {
+        m_op.bNativeView = m_native;
+        m_op.bWow64Parse = m_parse;
+        m_op.bWow64Expand = m_expand;
+    }
+    CWow32ViewScope(const CWow32ViewScope&) = delete;
+    CWow32ViewScope& operator=(const CWow32ViewScope&) = delete;
+
+private:
+    CAnalizyOperate& m_op;
+    BOOL m_native, m_parse, m_expand;
+};
+
+}  // namespace
+
+uint32_t CAnalizyOperate::ResolveClsidInWow32View(const ANALYZE_ITEM* pAnalizy, const std::wstring& clsid,
+                                                  bool onlyWithServer) {
+    if (!pAnalizy || !GetWow64Helper()->m_bIsWow64) return ANALYZ_OK;
+    CWow32ViewScope view(*this);
+    if (onlyWithServer) {
+        CEasyClsid probe(m_szSid, clsid.c_str(), TRUE);
+        if (probe.Servers().empty()) return ANALYZ_OK;
+    }
+    ResultEntryPtr entry = CreateEntry(pAnalizy->dsid);
+    if (!entry) return ANALYZ_NO_ENTRY;
+    entry->hRootkey = pAnalizy->hRootkey;
+    entry->subKey = RecordSubkey(pAnalizy);
+    ResolveClsidAndPush(std::move(entry), clsid);
+    return ANALYZ_OK;
 }
 
 int CAnalizyOperate::ExpandShortName(ResultEntry* entry) {

@@ -162,12 +162,28 @@ bool RegReadMultiString(HKEY root, const wchar_t* subKey, const wchar_t* valueNa
 
 bool IsWow6432NodePath(HKEY root, const wchar_t* subKey) {
     if (!subKey) return false;
-    const bool machine = root == HKEY_LOCAL_MACHINE;
-    const bool user = root == HKEY_CURRENT_USER;
-    if (!machine && !user) return false;
-
     size_t pos = 0;
     while (subKey[pos] == L'\\') ++pos;
+
+    if (root == HKEY_CLASSES_ROOT) return TakeComponent(subKey, pos, L"Wow6432Node");
+    if (root == HKEY_USERS) {
+        // The first component is the user's key: "<sid>_Classes" is the
+        // user's class hive itself, "<sid>" holds it as Software\Classes.
+        const size_t user = pos;
+        while (subKey[pos] && subKey[pos] != L'\\') ++pos;
+        const size_t suffix = sizeof("_Classes") - 1;
+        if (pos == user) return false;
+        const bool classHive = pos - user > suffix &&
+                               CompareStringOrdinal(subKey + pos - suffix, static_cast<int>(suffix),
+                                                    L"_Classes", static_cast<int>(suffix), TRUE) == CSTR_EQUAL;
+        while (subKey[pos] == L'\\') ++pos;
+        if (classHive) return TakeComponent(subKey, pos, L"Wow6432Node");
+        return TakeComponent(subKey, pos, L"Software") && TakeComponent(subKey, pos, L"Classes") &&
+               TakeComponent(subKey, pos, L"Wow6432Node");
+    }
+
+    const bool machine = root == HKEY_LOCAL_MACHINE;
+    if (!machine && root != HKEY_CURRENT_USER) return false;
     if (!TakeComponent(subKey, pos, L"Software")) return false;
     if (machine) {
         size_t afterSoftware = pos;

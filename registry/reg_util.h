@@ -72,9 +72,13 @@ std::vector<std::wstring> SplitMultiString(const std::wstring& raw);
 //                       classes; the rest of HKCU\Software is shared by both
 //                       views, so a "Software\Wow6432Node" there is an
 //                       ordinary key)
+//   HKEY_CLASSES_ROOT   "Wow6432Node[\...]" (the merged 32-bit classes)
+//   HKEY_USERS          "<user>_Classes\Wow6432Node[\...]" (a user's class hive)
+//                       "<user>\Software\Classes\Wow6432Node[\...]" (the same
+//                       classes reached through the user's own hive)
 // Names are whole path components compared without regard to case
 // ("Wow6432NodeX" is not the node); leading and repeated backslashes are
-// ignored. Any other root (HKEY_USERS, HKEY_CLASSES_ROOT, ...) gives false.
+// ignored. Any other root gives false.
 bool IsWow6432NodePath(HKEY root, const wchar_t* subKey);
 
 // Enumerates the sub-key names of root\subKey (opened with 0x20019 | extraAccess,

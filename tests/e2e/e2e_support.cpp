@@ -27,7 +27,13 @@ const char* const kRules = R"({"RegParseConfig":[
  {"ParseID":217,"FunctionID":17,"CheckID":0},
  {"ParseID":218,"FunctionID":18,"CheckID":0},
  {"ParseID":222,"FunctionID":22,"CheckID":0},
- {"ParseID":25,"FunctionID":5,"CheckID":2,"RegRootkey":2147483650,"RegSubkey":"SOFTWARE\\kwtest\\*","RegValueName":"DEFAULT_NULL"}
+ {"ParseID":25,"FunctionID":5,"CheckID":2,"RegRootkey":2147483650,"RegSubkey":"SOFTWARE\\kwtest\\*","RegValueName":"DEFAULT_NULL"},
+ {"ParseID":104,"FunctionID":4,"CheckID":0},
+ {"ParseID":107,"FunctionID":7,"CheckID":0},
+ {"ParseID":108,"FunctionID":8,"CheckID":0},
+ {"ParseID":109,"FunctionID":9,"CheckID":0},
+ {"ParseID":110,"FunctionID":10,"CheckID":0},
+ {"ParseID":111,"FunctionID":11,"CheckID":0}
 ]})";
 
 hostsim::PluginHost& Host() {

@@ -1,5 +1,6 @@
 #include "registry/easy_clsid.h"
 
+#include "support/class_registration.h"
 #include "support/fixtures.h"
 #include "support/kit.h"
 
@@ -12,6 +13,8 @@
 #include <vector>
 
 using namespace kw;
+using kwtest::ClassRegistration;
+using kwtest::FreshClsid;
 
 namespace {
 
@@ -24,53 +27,7 @@ std::string Sanitize(const char* name) {
     return s;
 }
 
-// A CLSID text no registry holds yet: a fresh GUID for every call.
-std::wstring FreshClsid() {
-    GUID g;
-    EXPECT_EQ(S_OK, CoCreateGuid(&g));
-    wchar_t text[64] = {0};
-    StringFromGUID2(g, text, 64);
-    return text;
-}
-
 bool IsWow64() { return kwtest::ProcessIsWow64(); }
-
-// A class key made for one test. It remembers the highest key on its path
-// that did not exist before (a fresh prefix may lack the per-user CLSID key,
-// for example) and deletes that key with everything below on scope exit.
-class ClassRegistration {
-public:
-    // path: class key below root, e.g. "<sid>\Software\Classes\CLSID\{...}".
-    ClassRegistration(HKEY root, std::wstring path, REGSAM view) : m_root(root), m_path(std::move(path)), m_view(view) {
-        m_topCreated = m_path;
-        for (size_t cut = m_path.rfind(L'\\'); cut != std::wstring::npos && cut > 0; cut = m_path.rfind(L'\\', cut - 1)) {
-            std::wstring parent = m_path.substr(0, cut);
-            if (kwtest::RegKeyExists(m_root, parent, m_view)) break;
-            m_topCreated = parent;
-        }
-        m_created = kwtest::RegCreate(m_root, m_path, m_view);
-    }
-    ~ClassRegistration() { kwtest::RegDeleteTreeView(m_root, m_topCreated, m_view); }
-    ClassRegistration(const ClassRegistration&) = delete;
-    ClassRegistration& operator=(const ClassRegistration&) = delete;
-
-    bool Created() const { return m_created; }
-    bool SetServer(const wchar_t* server, const std::wstring& value, DWORD type = REG_SZ) {
-        return kwtest::RegSetSz(m_root, m_path + L"\\" + server, L"", value, m_view, type);
-    }
-    bool SetServerRaw(const wchar_t* server, DWORD type, const std::vector<BYTE>& data) {
-        return kwtest::RegSetRaw(m_root, m_path + L"\\" + server, L"", type, data.data(),
-                                 static_cast<DWORD>(data.size()), m_view);
-    }
-    bool CreateServerKey(const wchar_t* server) { return kwtest::RegCreate(m_root, m_path + L"\\" + server, m_view); }
-
-private:
-    HKEY m_root;
-    std::wstring m_path;
-    std::wstring m_topCreated;
-    REGSAM m_view;
-    bool m_created = false;
-};
 
 std::wstring UserClassPath(const std::wstring& sid, const std::wstring& clsid, bool wow6432 = false) {
     return sid + (wow6432 ? L"\\Software\\Classes\\Wow6432Node\\CLSID\\" : L"\\Software\\Classes\\CLSID\\") + clsid;

@@ -262,11 +262,13 @@ INSTANTIATE_TEST_SUITE_P(
         NodeRow{"HKCU classes node lower case at the end", HKEY_CURRENT_USER, L"software\\classes\\wow6432node", true},
         NodeRow{"HKCU software node is a shared ordinary key", HKEY_CURRENT_USER, L"Software\\Wow6432Node\\Microsoft", false},
         NodeRow{"HKCU native classes", HKEY_CURRENT_USER, L"Software\\Classes\\CLSID\\x", false},
-        NodeRow{"HKU classes node is not tested", HKEY_USERS, L"S-1-5-21-1-2-3-1000\\Software\\Classes\\Wow6432Node\\CLSID", false},
-        NodeRow{"HKU class hive node is not tested", HKEY_USERS, L"S-1-5-21-1-2-3-1000_Classes\\Wow6432Node\\CLSID", false},
-        NodeRow{"HKU software node is not tested", HKEY_USERS, L"SOFTWARE\\Wow6432Node\\x", false},
-        NodeRow{"HKCR node is not tested", HKEY_CLASSES_ROOT, L"Wow6432Node\\CLSID\\{0123ABCD-4567-89EF-ABCD-0123456789EF}", false},
-        NodeRow{"HKCR software-like path is not tested", HKEY_CLASSES_ROOT, L"SOFTWARE\\Wow6432Node\\x", false},
+        NodeRow{"HKU user classes node", HKEY_USERS, L"S-1-5-21-1-2-3-1000\\Software\\Classes\\Wow6432Node\\CLSID", true},
+        NodeRow{"HKU class hive node, any case", HKEY_USERS, L"S-1-5-21-1-2-3-1000_classes\\WOW6432NODE\\CLSID", true},
+        NodeRow{"HKU class hive native CLSID", HKEY_USERS, L"S-1-5-21-1-2-3-1000_Classes\\CLSID\\Wow6432Node", false},
+        NodeRow{"HKU key named _Classes alone is no hive", HKEY_USERS, L"_Classes\\Wow6432Node\\CLSID", false},
+        NodeRow{"HKU software node is a shared ordinary key", HKEY_USERS, L"S-1-5-21-1-2-3-1000\\Software\\Wow6432Node\\x", false},
+        NodeRow{"HKCR node", HKEY_CLASSES_ROOT, L"Wow6432Node\\CLSID\\{0123ABCD-4567-89EF-ABCD-0123456789EF}", true},
+        NodeRow{"HKCR native CLSID", HKEY_CLASSES_ROOT, L"CLSID\\{0123ABCD-4567-89EF-ABCD-0123456789EF}", false},
         NodeRow{"root carried as the value 0x80000002", reinterpret_cast<HKEY>(static_cast<ULONG_PTR>(0x80000002)), L"SOFTWARE\\Wow6432Node\\x", true}),
     [](const ::testing::TestParamInfo<NodeRow>& i) { return Sanitize(i.param.name); });
 
