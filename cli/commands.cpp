@@ -84,6 +84,34 @@ bool LoadRules(const Options& o, std::string& text, std::vector<ScanRule>& rules
     return true;
 }
 
+// What every command starts with: its options, its rules, the plug-in
+// initialised with them. Returns 0 when ready, else the exit code.
+struct Session {
+    Options o;
+    std::string text;
+    std::vector<ScanRule> rules;
+    hostsim::PluginHost host;
+
+    int Open(int argc, wchar_t** argv, const std::set<std::wstring>& accepted, size_t positionals,
+             const char* positionalsMessage) {
+        if (!ParseOptions(argc, argv, accepted, o)) return 2;
+        if (o.positional.size() != positionals) {
+            fprintf(stderr, "kwhost %s: %s\n", Utf8(argv[1]).c_str(), positionalsMessage);
+            return 2;
+        }
+        if (!LoadRules(o, text, rules)) return 2;
+        if (!StartPlugin(host, text)) return 1;
+        host.Engine().SetRecording(o.trace);
+        return 0;
+    }
+    ~Session() {
+        if (host.Plugin()) {
+            host.Plugin()->UnInit();
+            host.Release();
+        }
+    }
+};
+
 void ToReporter(const Row& row, void* ctx) { static_cast<Reporter*>(ctx)->Add(row); }
 
 bool EnablePrivilege(const wchar_t* name) {
@@ -141,24 +169,16 @@ private:
 }  // namespace
 
 int CmdScan(int argc, wchar_t** argv) {
-    Options o;
-    if (!ParseOptions(argc, argv, {L"--rules", L"--format", L"--all-users", L"--no-files", L"--quiet"}, o))
-        return 2;
-    if (!o.positional.empty()) {
-        fprintf(stderr, "kwhost scan: unexpected argument %s\n", Utf8(o.positional[0]).c_str());
-        return 2;
-    }
-    std::string text;
-    std::vector<ScanRule> rules;
-    if (!LoadRules(o, text, rules)) return 2;
-    hostsim::PluginHost host;
-    if (!StartPlugin(host, text)) return 1;
-    host.Engine().SetRecording(false);
+    Session session;
+    if (int rc = session.Open(argc, argv, {L"--rules", L"--format", L"--all-users", L"--no-files", L"--quiet"}, 0,
+                              "takes no argument besides its options"))
+        return rc;
+    const Options& o = session.o;
     ProfileHives hives;
     if (o.allUsers) hives.LoadAll();
 
     Reporter out(o.format, stdout);
-    Scanner scanner(host, rules);
+    Scanner scanner(session.host, session.rules);
     ScanOptions so;
     so.progress = !o.quiet;
     so.files = o.files;
@@ -176,8 +196,6 @@ int CmdScan(int argc, wchar_t** argv) {
                            : "",
                 (GetTickCount() - start) / 1000.0);
     }
-    host.Plugin()->UnInit();
-    host.Release();
     return 0;
 }
 
@@ -298,24 +316,18 @@ bool ReplayOne(Scanner& scanner, hostsim::PluginHost& host, const std::string& l
 }  // namespace
 
 int CmdReplay(int argc, wchar_t** argv) {
-    Options o;
-    if (!ParseOptions(argc, argv, {L"--rules", L"--trace"}, o)) return 2;
-    if (o.positional.size() != 1) {
-        fprintf(stderr, "kwhost replay: give one events file (one JSON object per line)\n");
-        return 2;
-    }
+    Session session;
+    if (int rc = session.Open(argc, argv, {L"--rules", L"--trace"}, 1,
+                              "give one events file (one JSON object per line)"))
+        return rc;
+    const Options& o = session.o;
+    hostsim::PluginHost& host = session.host;
     std::ifstream in(o.positional[0].c_str(), std::ios::binary);
     if (!in) {
         fprintf(stderr, "kwhost replay: cannot read %s\n", Utf8(o.positional[0]).c_str());
         return 2;
     }
-    std::string text;
-    std::vector<ScanRule> rules;
-    if (!LoadRules(o, text, rules)) return 2;
-    hostsim::PluginHost host;
-    if (!StartPlugin(host, text)) return 1;
-    if (!o.trace) host.Engine().SetRecording(false);
-    Scanner scanner(host, rules);
+    Scanner scanner(host, session.rules);
     std::string line;
     size_t lineNo = 0, events = 0, skipped = 0;
     while (std::getline(in, line)) {
@@ -333,8 +345,6 @@ int CmdReplay(int argc, wchar_t** argv) {
     fflush(stdout);
     fprintf(stderr, "kwhost replay: %u events replayed, %u lines skipped\n", static_cast<unsigned>(events),
             static_cast<unsigned>(skipped));
-    host.Plugin()->UnInit();
-    host.Release();
     return 0;
 }
 
@@ -371,18 +381,13 @@ std::wstring FixedPrefix(const std::wstring& pattern) {
 }  // namespace
 
 int CmdWatch(int argc, wchar_t** argv) {
-    Options o;
-    if (!ParseOptions(argc, argv, {L"--rules", L"--for", L"--format"}, o)) return 2;
-    if (!o.positional.empty()) {
-        fprintf(stderr, "kwhost watch: unexpected argument %s\n", Utf8(o.positional[0]).c_str());
-        return 2;
-    }
-    std::string text;
-    std::vector<ScanRule> rules;
-    if (!LoadRules(o, text, rules)) return 2;
-    hostsim::PluginHost host;
-    if (!StartPlugin(host, text)) return 1;
-    host.Engine().SetRecording(false);
+    Session session;
+    if (int rc = session.Open(argc, argv, {L"--rules", L"--for", L"--format"}, 0,
+                              "takes no argument besides its options"))
+        return rc;
+    const Options& o = session.o;
+    const std::vector<ScanRule>& rules = session.rules;
+    hostsim::PluginHost& host = session.host;
 
     // One notification per key that some rule's fixed prefix names (the
     // deepest existing key on the way), one per start-up folder.
@@ -489,8 +494,6 @@ int CmdWatch(int argc, wchar_t** argv) {
     }
     CloseHandle(g_stop);
     fprintf(stderr, "kwhost watch: stopped\n");
-    host.Plugin()->UnInit();
-    host.Release();
     return 0;
 }
 

@@ -5,7 +5,6 @@
 #include "kwhost.h"
 
 #include <objbase.h>
-#include <sddl.h>
 #include <shlobj.h>
 
 namespace kwhost {
@@ -16,23 +15,6 @@ std::wstring WinDir() {
     wchar_t buf[MAX_PATH] = {0};
     GetSystemWindowsDirectoryW(buf, MAX_PATH);
     return buf;
-}
-
-std::wstring UserSid() {
-    HANDLE tok = nullptr;
-    std::wstring out;
-    if (!OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, &tok)) return out;
-    BYTE buf[512];
-    DWORD cb = 0;
-    if (GetTokenInformation(tok, TokenUser, buf, sizeof(buf), &cb)) {
-        LPWSTR s = nullptr;
-        if (ConvertSidToStringSidW(reinterpret_cast<TOKEN_USER*>(buf)->User.Sid, &s)) {
-            out = s;
-            LocalFree(s);
-        }
-    }
-    CloseHandle(tok);
-    return out;
 }
 
 // Files under System32 are written through Sysnative: the 64-bit folder.
@@ -76,7 +58,7 @@ void MakeShortcut(const std::wstring& lnk, const std::wstring& target) {
 int CmdDemo(int argc, wchar_t** argv) {
     const std::wstring pf = L"C:\\Program Files\\Demo Vendor";
     const std::wstring sys = WinDir() + L"\\System32";
-    const std::wstring sid = UserSid();
+    const std::wstring sid = SidOfProcess(GetCurrentProcess());
     const HKEY M = HKEY_LOCAL_MACHINE;
     const std::wstring cv = L"SOFTWARE\\Microsoft\\Windows\\CurrentVersion";
     const std::wstring ccs = L"SYSTEM\\CurrentControlSet";

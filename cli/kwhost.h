@@ -126,6 +126,9 @@ private:
     size_t m_lastProgress = 0;
 };
 
+// The SID text of a process's user; empty when it cannot be read.
+std::wstring SidOfProcess(HANDLE process);
+
 // The concrete control-set name ("ControlSet001"): events carry it where
 // rules say CurrentControlSet.
 std::wstring CurrentControlSetName();

@@ -135,6 +135,8 @@ std::wstring DataText(const Value& v) {
     return nul == std::wstring::npos ? s : s.substr(0, nul);
 }
 
+}  // namespace
+
 std::wstring SidOfProcess(HANDLE process) {
     HANDLE tok = nullptr;
     std::wstring out;
@@ -151,8 +153,6 @@ std::wstring SidOfProcess(HANDLE process) {
     CloseHandle(tok);
     return out;
 }
-
-}  // namespace
 
 std::wstring CurrentControlSetName() {
     DWORD current = 0, cb = sizeof(current);
