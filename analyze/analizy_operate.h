@@ -156,6 +156,11 @@ public:
     bool m_bReportExisting = false;   // boot-execute: report entries already present
 
 protected:
+    // The start of every record's analysis: the view flags of the native view,
+    // the acting process's user (handles, token and SID text), the current
+    // record. EndRecord releases the user context again.
+    void BeginRecord(ANALYZE_ITEM* pAnalizy);
+    void EndRecord() noexcept;
     void ReleaseUserContext() noexcept;
     // The files a shortcut's target leads to: the quoted target (joined with
     // the third text on a 64-bit system) parsed with the folder of `pathInFolder`

@@ -38,6 +38,21 @@ REGSAM CAnalizyOperate::RecordViewAccess() const noexcept {
     return sam;
 }
 
+void CAnalizyOperate::BeginRecord(ANALYZE_ITEM* pAnalizy) {
+    bWow64Expand = 0;
+    bNativeView = 1;
+    bWow64Parse = 2;
+    ReleaseUserContext();
+    m_szSid[0] = L'\0';
+    m_pCurrent = pAnalizy;
+    GetUserSidByPid(pAnalizy->dwProcessId, &m_tokenUser, &m_hProcess, &m_hToken, m_szSid, 260 /* bytes */);
+}
+
+void CAnalizyOperate::EndRecord() noexcept {
+    ReleaseUserContext();
+    m_pCurrent = nullptr;
+}
+
 void CAnalizyOperate::ReleaseUserContext() noexcept {
     m_hToken.reset();
     m_hProcess.reset();
@@ -74,17 +89,9 @@ uint32_t CAnalizyOperate::AnalyzItem(ANALYZE_ITEM* pAnalizy, std::set<std::wstri
         return ANALYZ_NOT_HANDLED;
 
     try {
-        // 2. Native view unless the key lies under Wow6432Node.
-        bWow64Expand = 0;
-        bNativeView = 1;
-        bWow64Parse = 2;
-        ReleaseUserContext();
-        m_szSid[0] = L'\0';
-        m_pCurrent = pAnalizy;
-
-        // 3. The acting user.
-        GetUserSidByPid(pAnalizy->dwProcessId, &m_tokenUser, &m_hProcess, &m_hToken, m_szSid,
-                        260 /* bytes */);
+        // 2. and 3. Native view unless the key lies under Wow6432Node (below);
+        // the acting user.
+        BeginRecord(pAnalizy);
 
         // 4. The record's trace line starts here; it is written once, at the end.
         pAnalizy->szSubkey[kSubkeyChars - 1] = L'\0';
@@ -148,13 +155,11 @@ uint32_t CAnalizyOperate::AnalyzItem(ANALYZE_ITEM* pAnalizy, std::set<std::wstri
             KW_ERROR("CAnalizyOperate::AnalyzItem", "Analyz ret error");
 
         // 14.
-        ReleaseUserContext();
-        m_pCurrent = nullptr;
+        EndRecord();
         return ret;
     } catch (...) {
         // Out of memory while analysing: the record yields what was found so far.
-        ReleaseUserContext();
-        m_pCurrent = nullptr;
+        EndRecord();
         return ANALYZ_NO_ENTRY;
     }
 }
