@@ -88,6 +88,9 @@ public:
 
     // Shared result steps.
     ResultEntryPtr CreateEntry(uint32_t dsid);
+    // A copy of `templ` with the next sequence number, for each further file
+    // an entry yields; null when memory is exhausted.
+    ResultEntryPtr CopyEntry(const ResultEntry& templ);
     uint32_t FillServerEntries(ResultEntryPtr entry, const CEasyClsid& lookup);
     int ExpandShortName(ResultEntry* entry);
     int PushNotifyEntry(ResultEntryPtr entry);
@@ -145,7 +148,7 @@ public:
     // plus the high bit when bWow64Expand is set.
     REGSAM RecordViewAccess() const noexcept;
 
-    const std::list<NotifyEntry>& Results() const noexcept { return m_results; }
+    const std::list<ResultEntry>& Results() const noexcept { return m_results; }
     const wchar_t* Sid() const noexcept { return m_szSid; }
 
     BOOL bNativeView = 1;
@@ -174,7 +177,7 @@ protected:
 
     BOOL m_bInit = FALSE;
     uint32_t m_nEntryCounter = 1;
-    std::list<NotifyEntry> m_results;
+    std::list<ResultEntry> m_results;
     const ANALYZE_ITEM* m_pCurrent = nullptr;  // the record being analysed
 
     // The acting process's context, owned until AnalyzItem releases it (or

@@ -17,7 +17,7 @@ uint32_t CAnalizyOperate::AnalyzFileItem(ANALYZE_ITEM* pAnalizy, int functionId,
         m_results.clear();
 
         const uint32_t ret = RunAnalyzer(functionId, pAnalizy, std::wstring());
-        for (const NotifyEntry& e : m_results)
+        for (const ResultEntry& e : m_results)
             if (!e.filePath.empty()) resultSet.insert(ToUpper(e.filePath));
         EndRecord();
         return ret;

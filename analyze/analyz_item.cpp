@@ -138,7 +138,7 @@ uint32_t CAnalizyOperate::AnalyzItem(ANALYZE_ITEM* pAnalizy, std::set<std::wstri
         uint32_t ret = HandOutRegParse(pAnalizy, rule);
 
         // 11.
-        for (const NotifyEntry& e : m_results) {
+        for (const ResultEntry& e : m_results) {
             resultSet.insert(ToUpper(e.filePath));
             trace += e.filePath;
             trace += L";";

@@ -74,9 +74,8 @@ uint32_t CAnalizyOperate::ParseFillNotify(const std::wstring& commandLine, Resul
     // further files follow it, each in an entry of its own.
     auto pushExtra = [&](std::list<std::wstring>& extra) -> uint32_t {
         for (const std::wstring& file : extra) {
-            ResultEntryPtr e(new (std::nothrow) ResultEntry(templ));
+            ResultEntryPtr e = CopyEntry(templ);
             if (!e) return 0;
-            e->seq = m_nEntryCounter++;
             e->filePath = file;
             ExpandShortName(e.get());
             if (PushNotifyEntry(std::move(e)) == 0) return 0;
@@ -90,9 +89,8 @@ uint32_t CAnalizyOperate::ParseFillNotify(const std::wstring& commandLine, Resul
             if (files.size() > 1)
                 KW_INFO("CAnalizyOperate::ParseFillNotify", "ParseFillNotify:out file0=%ls", file.c_str());
         } else {
-            e.reset(new (std::nothrow) ResultEntry(templ));
+            e = CopyEntry(templ);
             if (!e) return 0;
-            e->seq = m_nEntryCounter++;
             KW_INFO("CAnalizyOperate::ParseFillNotify", "ParseFillNotify:out file%u=%ls",
                     static_cast<unsigned>(index), file.c_str());
         }

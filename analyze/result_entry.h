@@ -1,6 +1,6 @@
-// Result entries: one per file an analyzer finds. A ResultEntry is owned by
-// the analyzer until PushNotifyEntry turns it into a NotifyEntry on the
-// analysis object's result list.
+// Result entries: one per file an analyzer finds. An entry is owned by the
+// analyzer until PushNotifyEntry moves it onto the analysis object's result
+// list.
 #pragma once
 #include <cstdint>
 #include <memory>
@@ -20,17 +20,5 @@ struct ResultEntry {
 };
 
 using ResultEntryPtr = std::unique_ptr<ResultEntry>;
-
-// The compact record kept on the result list.
-struct NotifyEntry {
-    uint32_t seq = 0;
-    uint32_t dsid = 0;
-    uint32_t hRootkey = 0;
-    std::wstring filePath;
-    std::wstring subKey;
-    std::wstring valueName;
-    std::wstring valueData;
-    std::wstring sourcePath;
-};
 
 }  // namespace kw

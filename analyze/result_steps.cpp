@@ -15,6 +15,12 @@
 
 namespace kw {
 
+ResultEntryPtr CAnalizyOperate::CopyEntry(const ResultEntry& templ) {
+    ResultEntryPtr entry(new (std::nothrow) ResultEntry(templ));
+    if (entry) entry->seq = m_nEntryCounter++;
+    return entry;
+}
+
 ResultEntryPtr CAnalizyOperate::CreateEntry(uint32_t dsid) {
     ResultEntryPtr entry(new (std::nothrow) ResultEntry());
     if (!entry) return entry;
@@ -38,9 +44,8 @@ uint32_t CAnalizyOperate::FillServerEntries(ResultEntryPtr entry, const CEasyCls
             e = std::move(entry);
             first = false;
         } else {
-            e.reset(new (std::nothrow) ResultEntry(templ));
+            e = CopyEntry(templ);
             if (!e) return 0;
-            e->seq = m_nEntryCounter++;
         }
         ret = ParseFillNotify(server.path, std::move(e), false, nullptr, false);
         if (ret == 0) break;
@@ -137,16 +142,7 @@ int CAnalizyOperate::PushNotifyEntry(ResultEntryPtr entry) {
             PathAppendW(sysnative, L"sysnative\\") && StartsWithNoCase(entry->filePath, sysnative))
             return 1;
     }
-    NotifyEntry n;
-    n.seq = entry->seq;
-    n.dsid = entry->dsid;
-    n.hRootkey = entry->hRootkey;
-    n.filePath = std::move(entry->filePath);
-    n.subKey = std::move(entry->subKey);
-    n.valueName = std::move(entry->valueName);
-    n.valueData = std::move(entry->valueData);
-    n.sourcePath = std::move(entry->sourcePath);
-    m_results.push_back(std::move(n));
+    m_results.push_back(std::move(*entry));
     return 1;
 }
 
