@@ -128,20 +128,20 @@ TEST(KwhostScan, PlantedRegistrationsGiveExactlyTheirRows) {
     const std::string err = Slurp(run.err);
     EXPECT_NE(std::string::npos, err.find("2 registrations found, 2 targets, 1 missing files; 1 rules without a root key skipped"))
         << err;
-}
 
-TEST(KwhostScan, JsonLinesOneObjectPerTarget) {
-    Planted p;
-    const std::wstring tool = p.dir.File(L"a b.exe");
-    p.Set(L"Spaces", L"\"" + tool + L"\"");
-    Kwhost run(L"scan --no-files --quiet --format json --rules \"" + p.rules + L"\"", L"json");
-    ASSERT_EQ(0, run.Wait());
-    std::vector<std::string> rows = Lines(Slurp(run.out));
-    ASSERT_EQ(1u, rows.size());
-    EXPECT_EQ(0u, rows[0].find("{\"location\":\"HKEY_LOCAL_MACHINE\\\\SOFTWARE\\\\kwtest-"));
-    EXPECT_NE(std::string::npos, rows[0].find("\"data\":\"\\\"")) << rows[0];
-    EXPECT_NE(std::string::npos, rows[0].find("\"exists\":true")) << rows[0];
-    EXPECT_EQ("", Slurp(run.err));
+    // JSON lines: one object per target, the data's quotes escaped; --quiet
+    // drops the summary.
+    Kwhost json(L"scan --no-files --quiet --format json --rules \"" + p.rules + L"\"", L"json");
+    ASSERT_EQ(0, json.Wait());
+    const std::string out = Slurp(json.out);
+    rows = Lines(out);
+    ASSERT_EQ(2u, rows.size()) << out;
+    EXPECT_EQ(0u, rows[0].find("{\"location\":\"HKEY_LOCAL_MACHINE\\\\SOFTWARE\\\\kwtest-")) << out;
+    EXPECT_NE(std::string::npos, out.find("\"data\":\"\\\"" + Json(tool) + "\\\" --with, a comma\",\"target\":\"" +
+                                          Json(kwtest::Upper(tool)) + "\",\"exists\":true,"))
+        << out;
+    EXPECT_NE(std::string::npos, out.find(Json(kwtest::Upper(p.dir.Path() + L"\\gone.exe")) + "\",\"exists\":false,")) << out;
+    EXPECT_EQ("", Slurp(json.err));
 }
 
 TEST(KwhostArgs, BadArgumentsExitTwoWithAMessage) {

@@ -16,18 +16,6 @@ namespace {
 
 const std::wstring kRun = L"HKEY_LOCAL_MACHINE\\SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\Run";
 
-// A folder under C:\Program Files with a space in its path, removed afterwards.
-struct ProgramFilesApp {
-    ProgramFilesApp() {
-        root = L"C:\\Program Files\\kwtest-" + std::to_wstring(GetCurrentProcessId()) + L"-" +
-               std::to_wstring(GetTickCount());
-        exe = root + L"\\Some App\\app.exe";
-        kwtest::MakeFile(exe);
-    }
-    ~ProgramFilesApp() { kwtest::RemoveTree(root); }
-    std::wstring root, exe;
-};
-
 struct ValueRow {
     const char* name;
     std::wstring key, value, data;
@@ -39,7 +27,6 @@ struct ValueRow {
 }  // namespace
 
 TEST(ValuePath, HostEventToTargets) {
-    ProgramFilesApp app;
     kwtest::TempDir dir;
     const std::wstring exe = dir.File(L"v.exe"), a = dir.File(L"a.exe"), b = dir.File(L"b.exe"),
                        x = dir.File(L"x.dll"), y = dir.File(L"y.dll");
@@ -59,13 +46,17 @@ TEST(ValuePath, HostEventToTargets) {
                 kwtest::RegSetMulti(HKEY_LOCAL_MACHINE, prev.Path(), L"Upper", {kwtest::Upper(a)}));
     std::wstring starred = x;  // the old piece spelt with '*' for '.': still the same piece
     starred.replace(starred.rfind(L'.'), 1, L"*");
+    // A program in a folder under C:\Program Files, with a space in its path.
+    const std::wstring appRoot = L"C:\\Program Files\\kwtest-run-" + std::to_wstring(GetCurrentProcessId()),
+                       app = appRoot + L"\\Some App\\app.exe";
+    ASSERT_TRUE(kwtest::MakeFile(app));
     const std::wstring pattern = L"HKEY_USERS\\S-1-5-21-9-9-9-1001\\Software\\kwtest\\Vendor\\",
                        def = L"HKEY_LOCAL_MACHINE\\SOFTWARE\\kwtest\\Def", other = L"HKEY_LOCAL_MACHINE\\SOFTWARE\\kwtest-none";
     const ValueRow rows[] = {
-        {"5: quoted path with option: the program only", kRun, L"SomeApp", L"\"" + app.exe + L"\" -silent", 5, {app.exe}},
-        {"5: unquoted path with spaces and option", kRun, L"SomeApp", app.exe + L" /background", 5, {app.exe}},
+        {"5: quoted path with option: the program only", kRun, L"SomeApp", L"\"" + app + L"\" -silent", 5, {app}},
+        {"5: unquoted path with spaces and option", kRun, L"SomeApp", app + L" /background", 5, {app}},
         {"5: kernel path of the machine hive", L"\\REGISTRY\\MACHINE\\SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\Run",
-         L"SomeApp", L"\"" + app.exe + L"\"", 5, {app.exe}},
+         L"SomeApp", L"\"" + app + L"\"", 5, {app}},
         {"5: environment token in expandable data", kRun, L"Tok", viaTemp, 5, {exe}, REG_EXPAND_SZ},
         {"5: missing file reported as written", kRun, L"Gone", L"C:\\kwtest-missing\\nothere.exe", 5,
          {L"C:\\kwtest-missing\\nothere.exe"}},
@@ -99,9 +90,10 @@ TEST(ValuePath, HostEventToTargets) {
         EXPECT_EQ(expected, PostSz(r.key, r.value, r.data, r.parseId, r.type ? r.type : REG_SZ));
     }
     // The key path is given back to the host as it sent it.
-    std::unique_ptr<Event> ev(Event::RegistrySz(kRun, L"SomeApp", app.exe, REG_SZ));
-    EXPECT_EQ(std::vector<std::wstring>{kwtest::Upper(app.exe)}, Post(*ev, 5));
+    std::unique_ptr<Event> ev(Event::RegistrySz(kRun, L"SomeApp", app, REG_SZ));
+    EXPECT_EQ(std::vector<std::wstring>{kwtest::Upper(app)}, Post(*ev, 5));
     EXPECT_EQ(kRun, std::wstring(ev->Req().KeyPath));
+    kwtest::RemoveTree(appRoot);
 }
 
 TEST(RunKey, RemotePathIsReportedUntouched) {
