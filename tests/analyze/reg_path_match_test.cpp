@@ -14,7 +14,6 @@ struct MatchRow {
 TEST(MatchRegPathPattern, Table) {
     const MatchRow rows[] = {
         {"no wildcard: never compared", L"System\\Other", L"Software\\Run", true},
-        {"empty pattern", L"anything", L"", true},
         {"wildcard key then tail", L"software\\classes\\txtfile\\shellex\\ContextMenuHandlers",
          L"SOFTWARE\\Classes\\*\\shellex", true},
         {"wildcard key, other tail", L"software\\classes\\txtfile\\other", L"SOFTWARE\\Classes\\*\\shellex", false},
@@ -28,10 +27,8 @@ TEST(MatchRegPathPattern, Table) {
         {"trailing star: the key itself lacks the separator", L"SYSTEM\\ControlSet001\\Services", L"SYSTEM\\ControlSet001\\Services\\*", false},
         {"leading star (any user hive)", L"S-1-5-21-1\\Software\\Microsoft\\Windows\\CurrentVersion\\Run",
          L"*\\Software\\Microsoft\\Windows\\CurrentVersion\\Run", true},
-        {"leading star, wrong tail", L"S-1-5-21-1\\Software\\Other", L"*\\Software\\Microsoft", false},
         {"two stars", L"a\\b\\c\\d", L"A\\*\\C\\*", true},
         {"text ends while a second star remains", L"a\\b", L"A\\*\\C\\*\\D", false},
-        {"deeper keys below the tail match too", L"a\\x\\tail\\deeper\\more", L"A\\*\\TAIL", true},
         {"case of both sides ignored", L"SoFtWaRe\\CLASSES\\x\\SHELLEX", L"software\\classes\\*\\shellex", true},
     };
     for (const auto& r : rows) {
@@ -50,9 +47,7 @@ TEST(CountPathLevel, Table) {
     const LevelRow rows[] = {
         {"two names", L"a\\b", 2},
         {"leading, doubled and trailing separators", L"\\a\\\\b\\", 2},
-        {"lone backslash", L"\\", 0},
         {"empty", L"", 0},
-        {"one name", L"abc", 1},
     };
     for (const auto& r : rows) {
         SCOPED_TRACE(r.name);
@@ -82,7 +77,6 @@ TEST(IsDefaultValueName, Table) {
         {"the word in other case", L"DEFAULT_Null", true},
         {"one character short", L"default_nul", false},
         {"one character more", L"default_null ", false},
-        {"an ordinary name", L"Shell", false},
     };
     for (const auto& r : rows) {
         SCOPED_TRACE(r.name);

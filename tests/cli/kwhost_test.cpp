@@ -75,57 +75,35 @@ struct Kwhost {
     }
 };
 
-// A rule file and a Run-style key of this test's own.
-struct Planted {
-    std::wstring key, rules, dir;
-    Planted() {
-        const std::wstring id = std::to_wstring(GetCurrentProcessId());
-        key = L"SOFTWARE\\KwHostTest" + id + L"\\Run";
-        wchar_t tmp[MAX_PATH];
-        GetTempPathW(MAX_PATH, tmp);
-        dir = std::wstring(tmp) + L"kwhost-files-" + id;
-        CreateDirectoryW(dir.c_str(), nullptr);
-        rules = dir + L"\\rules.json";
-        std::string k;
-        for (wchar_t c : key) k += c == L'\\' ? std::string("\\\\") : std::string(1, static_cast<char>(c));
-        std::ofstream(rules.c_str()) << "{\"RegParseConfig\": [{\"ParseID\": 301, \"FunctionID\": 5, \"CheckID\": 1, "
-                                        "\"RegRootkey\": 2147483650, \"RegSubkey\": \""
-                                     << k << "\"}, {\"ParseID\": 302, \"FunctionID\": 5}]}";
-    }
-    void Set(const std::wstring& name, const std::wstring& data) {
-        HKEY h = nullptr;
-        RegCreateKeyExW(HKEY_LOCAL_MACHINE, key.c_str(), 0, nullptr, 0, KEY_SET_VALUE | KEY_WOW64_64KEY, nullptr, &h,
-                        nullptr);
-        RegSetValueExW(h, name.c_str(), 0, REG_SZ, reinterpret_cast<const BYTE*>(data.c_str()),
-                       static_cast<DWORD>((data.size() + 1) * 2));
-        RegCloseKey(h);
-    }
-    std::wstring File(const wchar_t* name) {
-        std::wstring p = dir + L"\\" + name;
-        HANDLE h = CreateFileW(p.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0, nullptr);
-        CloseHandle(h);
-        return p;
-    }
-    ~Planted() {
-        RegDeleteTreeW(HKEY_LOCAL_MACHINE, key.substr(0, key.rfind(L'\\')).c_str());
-        std::wstring cmd = L"cmd /c rmdir /s /q \"" + dir + L"\"";
-        _wsystem(cmd.c_str());
-    }
-};
-
-std::string Upper(std::wstring w) {
+// Text as a JSON string's content (the paths here need only their
+// backslashes doubled).
+std::string Json(const std::wstring& w) {
     std::string s;
-    for (wchar_t c : w) s += static_cast<char>(towupper(c));
+    for (wchar_t c : w) s += c == L'\\' ? std::string("\\\\") : std::string(1, static_cast<char>(c));
     return s;
 }
 
 std::string Narrow(const std::wstring& w) { return std::string(w.begin(), w.end()); }
+std::string Upper(const std::wstring& w) { return Narrow(kwtest::Upper(w)); }
+
+// A rule file and a Run-style key of this test's own.
+struct Planted {
+    kwtest::TempRegKey base{HKEY_LOCAL_MACHINE, L"SOFTWARE"};
+    kwtest::TempDir dir;
+    const std::wstring key = base.Path() + L"\\Run";
+    const std::wstring rules = dir.File(L"rules.json", "{\"RegParseConfig\": [{\"ParseID\": 301, \"FunctionID\": 5, "
+                                                       "\"CheckID\": 1, \"RegRootkey\": 2147483650, \"RegSubkey\": \"" +
+                                                           Json(key) + "\"}, {\"ParseID\": 302, \"FunctionID\": 5}]}");
+    void Set(const std::wstring& name, const std::wstring& data) {
+        kwtest::RegSetSz(HKEY_LOCAL_MACHINE, key, name, data);
+    }
+};
 
 TEST(KwhostScan, PlantedRegistrationsGiveExactlyTheirRows) {
     Planted p;
-    const std::wstring tool = p.File(L"tool.exe");
+    const std::wstring tool = p.dir.File(L"tool.exe");
     p.Set(L"Tool", L"\"" + tool + L"\" --with, a comma");
-    p.Set(L"Gone", p.dir + L"\\gone.exe");
+    p.Set(L"Gone", p.dir.Path() + L"\\gone.exe");
     Kwhost run(L"scan --no-files --format csv --rules \"" + p.rules + L"\"", L"scan");
     ASSERT_EQ(0, run.Wait());
     std::vector<std::string> rows = Lines(Slurp(run.out));
@@ -143,27 +121,27 @@ TEST(KwhostScan, PlantedRegistrationsGiveExactlyTheirRows) {
     EXPECT_TRUE(hasRow(loc + ",Tool,301,5,AnalyzRegvalueAsFilePath,\"\"\"" + Narrow(tool) + "\"\" --with, a comma\"," +
                        Upper(tool) + ",yes,,,,,this process (pid "))
         << Slurp(run.out);
-    EXPECT_TRUE(hasRow(loc + ",Gone,301,5,AnalyzRegvalueAsFilePath," + Narrow(p.dir) + "\\gone.exe," +
-                       Upper(p.dir + L"\\gone.exe") + ",no,"))
+    EXPECT_TRUE(hasRow(loc + ",Gone,301,5,AnalyzRegvalueAsFilePath," + Narrow(p.dir.Path()) + "\\gone.exe," +
+                       Upper(p.dir.Path() + L"\\gone.exe") + ",no,"))
         << Slurp(run.out);
     // The summary counts what was read, on standard error.
     const std::string err = Slurp(run.err);
     EXPECT_NE(std::string::npos, err.find("2 registrations found, 2 targets, 1 missing files; 1 rules without a root key skipped"))
         << err;
-}
 
-TEST(KwhostScan, JsonLinesOneObjectPerTarget) {
-    Planted p;
-    const std::wstring tool = p.File(L"a b.exe");
-    p.Set(L"Spaces", L"\"" + tool + L"\"");
-    Kwhost run(L"scan --no-files --quiet --format json --rules \"" + p.rules + L"\"", L"json");
-    ASSERT_EQ(0, run.Wait());
-    std::vector<std::string> rows = Lines(Slurp(run.out));
-    ASSERT_EQ(1u, rows.size());
-    EXPECT_EQ(0u, rows[0].find("{\"location\":\"HKEY_LOCAL_MACHINE\\\\SOFTWARE\\\\KwHostTest"));
-    EXPECT_NE(std::string::npos, rows[0].find("\"data\":\"\\\"")) << rows[0];
-    EXPECT_NE(std::string::npos, rows[0].find("\"exists\":true")) << rows[0];
-    EXPECT_EQ("", Slurp(run.err));
+    // JSON lines: one object per target, the data's quotes escaped; --quiet
+    // drops the summary.
+    Kwhost json(L"scan --no-files --quiet --format json --rules \"" + p.rules + L"\"", L"json");
+    ASSERT_EQ(0, json.Wait());
+    const std::string out = Slurp(json.out);
+    rows = Lines(out);
+    ASSERT_EQ(2u, rows.size()) << out;
+    EXPECT_EQ(0u, rows[0].find("{\"location\":\"HKEY_LOCAL_MACHINE\\\\SOFTWARE\\\\kwtest-")) << out;
+    EXPECT_NE(std::string::npos, out.find("\"data\":\"\\\"" + Json(tool) + "\\\" --with, a comma\",\"target\":\"" +
+                                          Json(kwtest::Upper(tool)) + "\",\"exists\":true,"))
+        << out;
+    EXPECT_NE(std::string::npos, out.find(Json(kwtest::Upper(p.dir.Path() + L"\\gone.exe")) + "\",\"exists\":false,")) << out;
+    EXPECT_EQ("", Slurp(json.err));
 }
 
 TEST(KwhostArgs, BadArgumentsExitTwoWithAMessage) {
@@ -191,17 +169,11 @@ TEST(KwhostArgs, BadArgumentsExitTwoWithAMessage) {
 
 TEST(KwhostReplay, GoodLinesReplayedMalformedOnesReportedAndSkipped) {
     Planted p;
-    const std::wstring tool = p.File(L"replayed.exe");
-    std::string k, t;
-    for (wchar_t c : p.key) k += c == L'\\' ? std::string("\\\\") : std::string(1, static_cast<char>(c));
-    for (wchar_t c : tool) t += c == L'\\' ? std::string("\\\\") : std::string(1, static_cast<char>(c));
-    const std::wstring events = p.dir + L"\\events.jsonl";
-    std::ofstream(events.c_str()) << "{\"key\": \"HKEY_LOCAL_MACHINE\\\\" << k
-                                  << "\", \"op\": \"set\", \"value\": \"R\", \"data\": \"" << t << " /x\", \"parseId\": 301}\n"
-                                  << "{\"key\": \"HKEY_LOCAL_MACHINE\\\\" << k << "\", \"op\": \n"
-                                  << "[1, 2]\n"
-                                  << "{\"key\": \"HKEY_LOCAL_MACHINE\\\\" << k
-                                  << "\", \"op\": \"delete-value\", \"value\": \"R\", \"parseId\": 301}\n";
+    const std::wstring tool = p.dir.File(L"replayed.exe");
+    const std::string key = "{\"key\": \"HKEY_LOCAL_MACHINE\\\\" + Json(p.key) + "\", \"op\": ";
+    const std::wstring events = p.dir.File(L"events.jsonl", key + "\"set\", \"value\": \"R\", \"data\": \"" + Json(tool) +
+                                                                " /x\", \"parseId\": 301}\n" + key + "\n[1, 2]\n" + key +
+                                                                "\"delete-value\", \"value\": \"R\", \"parseId\": 301}\n");
     Kwhost run(L"replay \"" + events + L"\" --trace --rules \"" + p.rules + L"\"", L"replay");
     ASSERT_EQ(0, run.Wait());
     const std::string out = Slurp(run.out), err = Slurp(run.err);
@@ -217,23 +189,18 @@ TEST(KwhostReplay, GoodLinesReplayedMalformedOnesReportedAndSkipped) {
 
 TEST(KwhostWatch, SeesARunValueWrittenWhileItRuns) {
     Planted p;
-    p.Set(L"Before", p.File(L"before.exe"));
-    const std::wstring later = p.File(L"later.exe");
+    p.Set(L"Before", p.dir.File(L"before.exe"));
+    const std::wstring later = p.dir.File(L"later.exe");
     Kwhost run(L"watch --for 30 --format csv --rules \"" + p.rules + L"\"", L"watch");
-    // Armed once it says so.
-    bool armed = false;
-    for (int i = 0; i < 300 && !armed; ++i) {
-        armed = Slurp(run.err).find("kwhost watch: watching") != std::string::npos;
-        if (!armed) Sleep(100);
-    }
-    ASSERT_TRUE(armed) << Slurp(run.err);
+    // Polls an output file (for at most about 30 s) until it holds the text.
+    auto waitFor = [](const std::wstring& file, const std::string& text) {
+        for (int i = 0; i < 300; ++i, Sleep(100))
+            if (Slurp(file).find(text) != std::string::npos) return true;
+        return false;
+    };
+    ASSERT_TRUE(waitFor(run.err, "kwhost watch: watching")) << Slurp(run.err);  // armed once it says so
     p.Set(L"Later", later);
-    bool seen = false;
-    for (int i = 0; i < 300 && !seen; ++i) {
-        seen = Slurp(run.out).find(Upper(later)) != std::string::npos;
-        if (!seen) Sleep(100);
-    }
-    EXPECT_TRUE(seen) << Slurp(run.out) << Slurp(run.err);
+    EXPECT_TRUE(waitFor(run.out, Upper(later))) << Slurp(run.out) << Slurp(run.err);
     // What existed before the watch began is not news.
     EXPECT_EQ(std::string::npos, Slurp(run.out).find("BEFORE.EXE"));
 }

@@ -1,6 +1,7 @@
 // Scripts, installed components, menu and toolbar extensions and default
 // verbs, from a host registry event to the targets: FunctionIDs 2, 3, 17, 18, 22.
 #include "e2e_support.h"
+#include "support/class_registration.h"
 
 #include <gtest/gtest.h>
 
@@ -22,11 +23,6 @@ struct Row {
     int ret;
     std::wstring trace;  // a fragment some trace line must hold
     uint32_t pid;
-};
-
-struct DropKey {
-    std::wstring key;
-    ~DropKey() { kwtest::RegDeleteTreeView(HKEY_LOCAL_MACHINE, key); }
 };
 
 }  // namespace
@@ -58,9 +54,9 @@ TEST(Extensions, HostEventToTargets) {
     }
     const std::wstring pid = std::to_wstring(GetCurrentProcessId());
     const std::wstring clsid = L"{6B777465-7374-4578-7400-" + std::wstring(12 - pid.size(), L'0') + pid + L"}";
-    DropKey drop{L"Software\\Classes\\CLSID\\" + clsid};
+    kwtest::ClassRegistration component(HKEY_LOCAL_MACHINE, L"Software\\Classes\\CLSID\\" + clsid, KEY_WOW64_64KEY);
     const std::wstring comp = dir.File(L"comp.dll");
-    kwtest::RegSetSz(HKEY_LOCAL_MACHINE, drop.key + L"\\InprocServer32", L"", comp);
+    component.SetServer(L"InprocServer32", comp);
     const std::wstring comps = L"HKEY_LOCAL_MACHINE\\SOFTWARE\\kwtest-comp\\", cls = m + L"cls\\shell";
     const std::wstring ext = L"\\Software\\Microsoft\\Internet Explorer\\MenuExt\\&Send", user = L"HKEY_USERS\\";
     const std::wstring mine = user + kwtest::CurrentUserSid() + ext;

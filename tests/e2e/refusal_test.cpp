@@ -35,7 +35,8 @@ TEST(Refusal, OperationsModesTypesAndRules) {
         {"REG_DWORD value write", 6, 2, 6, REG_DWORD, L"co.GetParseRule Success,6"},
         {"unknown ParseID", 6, 2, 999, REG_SZ, L"[ERROR][CKwAutoRunImpl::AnalyzeFiles] co.GetParseRule Fail,"},
         {"key created under a value-write analyzer", 1, 2, 6, 0, L"Start AnalyzRegvalueAsFilePath FunctionID=5"},
-        {"analyzer not resolved in this release", 6, 2, 30, REG_SZ, L"Start AnalyzServece FunctionID=12"},
+        {"service value neither ImagePath nor ServiceDll", 6, 2, 30, REG_SZ,
+         L"[CAnalizyOperate::AnalyzServece] 注册表ValueName无效。"},
     };
     for (const auto& r : rows) {
         SCOPED_TRACE(r.name);
@@ -59,7 +60,7 @@ TEST(Refusal, FileRequestReachingPostProcessEventOnlyTraces) {
     EXPECT_EQ(std::wstring(L"C:\\x.inf"), ev->Req().KeyPath);
 }
 
-TEST(Refusal, NoTargetFromTheHost) {
+TEST(Refusal, NoTargetFromTheHostOrNoAnalysisId) {
     Host().Engine().ClearLines();
     std::unique_ptr<Event> ev(Event::RegistrySz(kKey, L"v", kExe));
     hostsim::RuleEngine::SetThreadTarget(nullptr);
@@ -67,11 +68,7 @@ TEST(Refusal, NoTargetFromTheHost) {
     EXPECT_TRUE(Traced(L"GetTarget error: ruleEng="));
     EXPECT_TRUE(Traced(L"GetAnalyzeId fail pTarget=nullptr"));
     EXPECT_TRUE(Traced(L"Scan Mode Error,nAnalyzeMode=0 Parseid=0"));
-}
-
-TEST(Refusal, PropertyGetterFails) {
-    Host().Engine().ClearLines();
-    std::unique_ptr<Event> ev(Event::RegistrySz(kKey, L"v", kExe));
+    // The target's property getter fails.
     Target target(0x20005, 0x80004005);
     Host().PostRegistry(*ev, 0, &target);
     EXPECT_TRUE(target.Paths().empty());

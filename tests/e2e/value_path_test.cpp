@@ -1,6 +1,8 @@
 // Run-key style registrations from a host registry event to the targets the
-// host receives: FunctionIDs 5, 20, 19, 14 and 1.
+// host receives: FunctionIDs 5 (and the rule checks of its keys and value
+// names), 20, 19, 14 and 1.
 #include "e2e_support.h"
+#include "support/saved_reg_value.h"
 
 #include <gtest/gtest.h>
 
@@ -14,62 +16,84 @@ namespace {
 
 const std::wstring kRun = L"HKEY_LOCAL_MACHINE\\SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\Run";
 
-// A folder under C:\Program Files with a space in its path, removed afterwards.
-struct ProgramFilesApp {
-    ProgramFilesApp() {
-        root = L"C:\\Program Files\\kwtest-" + std::to_wstring(GetCurrentProcessId()) + L"-" +
-               std::to_wstring(GetTickCount());
-        exe = root + L"\\Some App\\app.exe";
-        kwtest::MakeFile(exe);
-    }
-    ~ProgramFilesApp() { kwtest::RemoveTree(root); }
-    std::wstring root, exe;
+struct ValueRow {
+    const char* name;
+    std::wstring key, value, data;
+    uint32_t parseId;
+    std::vector<std::wstring> expected;  // in any case and order
+    uint32_t type;
 };
 
 }  // namespace
 
-TEST(RunKey, QuotedPathWithOptionYieldsTheProgramOnly) {
-    ProgramFilesApp app;
-    auto targets = PostSz(kRun, L"SomeApp", L"\"" + app.exe + L"\" -silent", 5);
-    EXPECT_EQ(std::vector<std::wstring>{kwtest::Upper(app.exe)}, targets);
-}
-
-TEST(RunKey, UnquotedPathWithSpacesAndOption) {
-    ProgramFilesApp app;
-    auto targets = PostSz(kRun, L"SomeApp", app.exe + L" /background", 5);
-    EXPECT_EQ(std::vector<std::wstring>{kwtest::Upper(app.exe)}, targets);
-}
-
-TEST(RunKey, KeyPathIsRewrittenForTheHostAfterAnalysis) {
-    ProgramFilesApp app;
-    std::unique_ptr<Event> ev(Event::RegistrySz(kRun, L"SomeApp", app.exe, REG_SZ));
-    auto targets = Post(*ev, 5);
-    EXPECT_EQ(std::vector<std::wstring>{kwtest::Upper(app.exe)}, targets);
-    EXPECT_EQ(kRun, std::wstring(ev->Req().KeyPath));
-}
-
-TEST(RunKey, KernelPathOfTheMachineHive) {
-    ProgramFilesApp app;
-    auto targets = PostSz(L"\\REGISTRY\\MACHINE\\SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\Run",
-                          L"SomeApp", L"\"" + app.exe + L"\"", 5);
-    EXPECT_EQ(std::vector<std::wstring>{kwtest::Upper(app.exe)}, targets);
-}
-
-TEST(RunKey, EnvironmentTokenInExpandableData) {
+TEST(ValuePath, HostEventToTargets) {
     kwtest::TempDir dir;
-    std::wstring exe = dir.File(L"tok.exe");
-    // %TEMP% of this user holds the folder; write the data with the token.
-    wchar_t temp[MAX_PATH];
-    GetEnvironmentVariableW(L"TEMP", temp, MAX_PATH);
-    std::wstring rel = exe.substr(wcslen(temp));
-    auto targets = PostSz(kRun, L"Tok", L"%TEMP%" + rel, 5, REG_EXPAND_SZ);
-    ASSERT_EQ(1u, targets.size());
-    EXPECT_EQ(kwtest::Upper(exe), kwtest::Upper(targets[0]));
-}
-
-TEST(RunKey, MissingFileIsReportedAsWritten) {
-    auto targets = PostSz(kRun, L"Gone", L"C:\\kwtest-missing\\nothere.exe", 5);
-    EXPECT_EQ(std::vector<std::wstring>{L"C:\\KWTEST-MISSING\\NOTHERE.EXE"}, targets);
+    const std::wstring exe = dir.File(L"v.exe"), a = dir.File(L"a.exe"), b = dir.File(L"b.exe"),
+                       x = dir.File(L"x.dll"), y = dir.File(L"y.dll");
+    wchar_t temp[MAX_PATH], pf[MAX_PATH] = {0};
+    const std::wstring viaTemp = L"%TEMP%" + exe.substr(GetEnvironmentVariableW(L"TEMP", temp, MAX_PATH));
+    if (!GetEnvironmentVariableW(L"ProgramW6432", pf, MAX_PATH)) GetEnvironmentVariableW(L"ProgramFiles", pf, MAX_PATH);
+    // Previous data in the registry (64-bit view, where a native key lives):
+    // only pieces added to it are reported.
+    const std::wstring winlogon = L"SOFTWARE\\Microsoft\\Windows NT\\CurrentVersion\\Winlogon";
+    kwtest::SavedRegValue saved(winlogon, L"Userinit");
+    ASSERT_TRUE(kwtest::RegSetSz(HKEY_LOCAL_MACHINE, winlogon, L"Userinit", L"C:\\Windows\\system32\\userinit.exe,"));
+    kwtest::TempRegKey prev(HKEY_LOCAL_MACHINE, L"SOFTWARE");
+    const std::wstring prevKey = L"HKEY_LOCAL_MACHINE\\" + prev.Path();
+    ASSERT_TRUE(kwtest::RegSetSz(HKEY_LOCAL_MACHINE, prev.Path(), L"AppInit_DLLs", x));
+    ASSERT_TRUE(kwtest::RegSetMulti(HKEY_LOCAL_MACHINE, prev.Path(), L"Both", {a, b}) &&
+                kwtest::RegSetMulti(HKEY_LOCAL_MACHINE, prev.Path(), L"One", {a}) &&
+                kwtest::RegSetMulti(HKEY_LOCAL_MACHINE, prev.Path(), L"Upper", {kwtest::Upper(a)}));
+    std::wstring starred = x;  // the old piece spelt with '*' for '.': still the same piece
+    starred.replace(starred.rfind(L'.'), 1, L"*");
+    // A program in a folder under C:\Program Files, with a space in its path.
+    const std::wstring appRoot = L"C:\\Program Files\\kwtest-run-" + std::to_wstring(GetCurrentProcessId()),
+                       app = appRoot + L"\\Some App\\app.exe";
+    ASSERT_TRUE(kwtest::MakeFile(app));
+    const std::wstring pattern = L"HKEY_USERS\\S-1-5-21-9-9-9-1001\\Software\\kwtest\\Vendor\\",
+                       def = L"HKEY_LOCAL_MACHINE\\SOFTWARE\\kwtest\\Def", other = L"HKEY_LOCAL_MACHINE\\SOFTWARE\\kwtest-none";
+    const ValueRow rows[] = {
+        {"5: quoted path with option: the program only", kRun, L"SomeApp", L"\"" + app + L"\" -silent", 5, {app}},
+        {"5: unquoted path with spaces and option", kRun, L"SomeApp", app + L" /background", 5, {app}},
+        {"5: kernel path of the machine hive", L"\\REGISTRY\\MACHINE\\SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\Run",
+         L"SomeApp", L"\"" + app + L"\"", 5, {app}},
+        {"5: environment token in expandable data", kRun, L"Tok", viaTemp, 5, {exe}, REG_EXPAND_SZ},
+        {"5: missing file reported as written", kRun, L"Gone", L"C:\\kwtest-missing\\nothere.exe", 5,
+         {L"C:\\kwtest-missing\\nothere.exe"}},
+        {"5: empty data", kRun, L"Empty", L"", 5, {}},
+        {"20: the value name is the path", L"HKEY_LOCAL_MACHINE\\SOFTWARE\\kwtest\\Names", exe, L"ignored", 20, {exe}},
+        {"19: each piece of a vertical-bar list", other, L"v", b + L"||" + a, 19, {a, b}},
+        {"5, rule pattern: one level below", pattern + L"Run\\Sub", L"v", exe, 7, {exe}},
+        {"5, rule pattern: its key itself", pattern + L"Run", L"v", exe, 7, {}},
+        {"5, rule pattern: another tail", pattern + L"Other\\Sub", L"v", exe, 7, {}},
+        {"5, rule value name in other case", L"HKEY_LOCAL_MACHINE\\Elsewhere", L"WANTED", exe, 23, {exe}},
+        {"5, rule value name: another name", L"HKEY_LOCAL_MACHINE\\Elsewhere", L"other", exe, 23, {}},
+        {"5, rule on the default value: empty name", def, L"", exe, 25, {exe}},
+        {"5, rule on the default value: a named value", def, L"named", exe, 25, {}},
+        {"14: expansion shorter than the text", other, L"List", L"%SystemRoot%\\kw.exe", 14,
+         {kwtest::WindowsDir() + L"\\kw.exe"}, REG_EXPAND_SZ},
+        {"14: expansion longer than the text", other, L"List", L"%ProgramFiles%\\kw.exe", 14,
+         {std::wstring(pf) + L"\\kw.exe"}, REG_EXPAND_SZ},
+        {"1: only the piece added to Userinit", L"HKEY_LOCAL_MACHINE\\" + winlogon, L"Userinit",
+         L"C:\\Windows\\system32\\userinit.exe," + exe + L",", 2, {exe}},
+        {"1: AppInit pieces with '*' for '.' are not new", prevKey, L"AppInit_DLLs", starred + L"," + y, 1, {y}},
+        // Multi-string data (the last NUL is added by the event).
+        {"14: no previous value: all", prevKey, L"None", a + L'\0' + b + L'\0', 14, {a, b}, REG_MULTI_SZ},
+        {"14: repeats only: none", prevKey, L"Both", b + L'\0' + a + L'\0', 14, {}, REG_MULTI_SZ},
+        {"14: one added", prevKey, L"One", a + L'\0' + x + L'\0', 14, {x}, REG_MULTI_SZ},
+        {"14: case differs: not new", prevKey, L"Upper", a + L'\0', 14, {}, REG_MULTI_SZ},
+    };
+    for (const ValueRow& r : rows) {
+        SCOPED_TRACE(r.name);
+        std::vector<std::wstring> expected = Upper(r.expected);
+        std::sort(expected.begin(), expected.end());
+        EXPECT_EQ(expected, PostSz(r.key, r.value, r.data, r.parseId, r.type ? r.type : REG_SZ));
+    }
+    // The key path is given back to the host as it sent it.
+    std::unique_ptr<Event> ev(Event::RegistrySz(kRun, L"SomeApp", app, REG_SZ));
+    EXPECT_EQ(std::vector<std::wstring>{kwtest::Upper(app)}, Post(*ev, 5));
+    EXPECT_EQ(kRun, std::wstring(ev->Req().KeyPath));
+    kwtest::RemoveTree(appRoot);
 }
 
 TEST(RunKey, RemotePathIsReportedUntouched) {
@@ -86,63 +110,6 @@ TEST(RunKey, RemotePathIsReportedUntouched) {
     EXPECT_EQ(std::vector<std::wstring>{kwtest::Upper(path)}, targets);
 }
 
-TEST(RunKey, EmptyDataYieldsNothing) {
-    EXPECT_TRUE(PostSz(kRun, L"Empty", L"", 5).empty());
-}
-
-TEST(ValueName, TheNameIsThePath) {
-    kwtest::TempDir dir;
-    std::wstring exe = dir.File(L"byname.exe");
-    auto targets = PostSz(L"HKEY_LOCAL_MACHINE\\SOFTWARE\\kwtest\\Names", exe, L"ignored", 20);
-    EXPECT_EQ(std::vector<std::wstring>{kwtest::Upper(exe)}, targets);
-}
-
-TEST(VerticalBar, EachPieceInOrder) {
-    kwtest::TempDir dir;
-    std::wstring a = dir.File(L"b.exe"), b = dir.File(L"a.exe");
-    auto targets = PostSz(L"HKEY_LOCAL_MACHINE\\SOFTWARE\\kwtest\\Bar", L"v", b + L"||" + a, 19);
-    // The result set is ordered: upper-cased paths in standard string order.
-    std::vector<std::wstring> expected{kwtest::Upper(b), kwtest::Upper(a)};
-    std::sort(expected.begin(), expected.end());
-    EXPECT_EQ(expected, targets);
-}
-
-struct PreviousCase {
-    const char* name;
-    std::vector<std::wstring> before;  // empty: no previous value
-    std::vector<std::wstring> after;
-    std::vector<int> expected;          // indexes into `after`
-};
-
-TEST(MultiString, OnlyNewStringsAreReported) {
-    kwtest::TempDir dir;
-    std::wstring f[3] = {dir.File(L"one.dll"), dir.File(L"two.dll"), dir.File(L"three.dll")};
-    const PreviousCase cases[] = {
-        {"no previous value: all", {}, {f[0], f[1]}, {0, 1}},
-        {"repeats only: none", {f[0], f[1]}, {f[1], f[0]}, {}},
-        {"one added", {f[0]}, {f[0], f[2]}, {1}},
-        {"case differs: not new", {kwtest::Upper(f[0])}, {f[0]}, {}},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
-        kwtest::TempRegKey key(HKEY_LOCAL_MACHINE, L"SOFTWARE");
-        if (!c.before.empty()) {
-            ASSERT_TRUE(kwtest::RegSetMulti(HKEY_LOCAL_MACHINE, key.Path(), L"List", c.before));
-        }
-        std::wstring data;
-        for (const auto& s : c.after) data += s + std::wstring(1, L'\0');
-        data.push_back(L'\0');
-        std::wstring name = L"List";
-        std::unique_ptr<Event> ev(Event::Registry(6, L"HKEY_LOCAL_MACHINE\\" + key.Path(), &name, REG_MULTI_SZ,
-                                                  data.data(), static_cast<uint32_t>(data.size() * 2)));
-        auto targets = Post(*ev, 14);
-        std::vector<std::wstring> expected;
-        for (int i : c.expected) expected.push_back(kwtest::Upper(c.after[i]));
-        std::sort(expected.begin(), expected.end());
-        EXPECT_EQ(expected, targets);
-    }
-}
-
 TEST(MultiString, MissingFinalNulsTolerated) {
     kwtest::TempDir dir;
     std::wstring a = dir.File(L"nonul.dll");
@@ -150,88 +117,4 @@ TEST(MultiString, MissingFinalNulsTolerated) {
     std::unique_ptr<Event> ev(Event::Registry(6, L"HKEY_LOCAL_MACHINE\\SOFTWARE\\kwtest-none", &name, REG_MULTI_SZ,
                                               a.data(), static_cast<uint32_t>(a.size() * 2)));
     EXPECT_EQ(std::vector<std::wstring>{kwtest::Upper(a)}, Post(*ev, 14));
-}
-
-TEST(MultiString, ExpandableDataIsSplitAfterExpansion) {
-    wchar_t pf[MAX_PATH] = {0};
-    if (!GetEnvironmentVariableW(L"ProgramW6432", pf, MAX_PATH)) GetEnvironmentVariableW(L"ProgramFiles", pf, MAX_PATH);
-    const struct {
-        const char* name;
-        std::wstring data;
-        std::wstring expected;
-    } rows[] = {
-        {"expansion shorter than the text", L"%SystemRoot%\\kw.exe", kwtest::WindowsDir() + L"\\kw.exe"},
-        {"expansion longer than the text", L"%ProgramFiles%\\kw.exe", std::wstring(pf) + L"\\kw.exe"},
-    };
-    for (const auto& r : rows) {
-        SCOPED_TRACE(r.name);
-        EXPECT_EQ(std::vector<std::wstring>{kwtest::Upper(r.expected)},
-                  PostSz(L"HKEY_LOCAL_MACHINE\\SOFTWARE\\kwtest-none", L"List", r.data, 14, REG_EXPAND_SZ));
-    }
-}
-
-TEST(SplitByCharset, UserinitReportsOnlyWhatIsNew) {
-    kwtest::TempDir dir;
-    std::wstring evil = dir.File(L"evil.exe");
-    std::wstring winlogon = L"SOFTWARE\\Microsoft\\Windows NT\\CurrentVersion\\Winlogon";
-    DWORD dummy;
-    (void)dummy;
-    // Previous data in the registry (64-bit view, where a native key lives).
-    std::wstring before = L"C:\\Windows\\system32\\userinit.exe,";
-    std::wstring saved;
-    HKEY k;
-    bool had = false;
-    if (RegOpenKeyExW(HKEY_LOCAL_MACHINE, winlogon.c_str(), 0, KEY_READ | KEY_WOW64_64KEY, &k) == 0) {
-        wchar_t buf[1024];
-        DWORD cb = sizeof(buf), type = 0;
-        if (RegQueryValueExW(k, L"Userinit", nullptr, &type, reinterpret_cast<BYTE*>(buf), &cb) == 0) {
-            had = true;
-            saved.assign(buf, cb / 2 ? cb / 2 - 1 : 0);
-        }
-        RegCloseKey(k);
-    }
-    ASSERT_TRUE(kwtest::RegSetSz(HKEY_LOCAL_MACHINE, winlogon, L"Userinit", before));
-    auto targets = PostSz(L"HKEY_LOCAL_MACHINE\\" + winlogon, L"Userinit", before + evil + L",", 2);
-    if (had) kwtest::RegSetSz(HKEY_LOCAL_MACHINE, winlogon, L"Userinit", saved);
-    EXPECT_EQ(std::vector<std::wstring>{kwtest::Upper(evil)}, targets);
-}
-
-TEST(SplitByCharset, AppInitStarsCompareAsDots) {
-    kwtest::TempDir dir;
-    std::wstring a = dir.File(L"x.dll"), b = dir.File(L"y.dll");
-    kwtest::TempRegKey key(HKEY_LOCAL_MACHINE, L"SOFTWARE");
-    ASSERT_TRUE(kwtest::RegSetSz(HKEY_LOCAL_MACHINE, key.Path(), L"AppInit_DLLs", a));
-    // The new data spells the old piece with '*' for '.': still the same piece.
-    std::wstring starred = a;
-    starred.replace(starred.rfind(L'.'), 1, L"*");
-    auto targets = PostSz(L"HKEY_LOCAL_MACHINE\\" + key.Path(), L"AppInit_DLLs", starred + L"," + b, 1);
-    EXPECT_EQ(std::vector<std::wstring>{kwtest::Upper(b)}, targets);
-}
-
-TEST(PatternRule, WildcardWithOneLevelBelow) {
-    kwtest::TempDir dir;
-    std::wstring exe = dir.File(L"pat.exe");
-    const std::wstring base = L"HKEY_USERS\\S-1-5-21-9-9-9-1001\\Software\\kwtest\\";
-    EXPECT_EQ(std::vector<std::wstring>{kwtest::Upper(exe)},
-              PostSz(base + L"Vendor\\Run\\Sub", L"v", exe, 7));
-    // The key itself is not one level below the pattern: refused.
-    EXPECT_TRUE(PostSz(base + L"Vendor\\Run", L"v", exe, 7).empty());
-    // Another tail: refused.
-    EXPECT_TRUE(PostSz(base + L"Vendor\\Other\\Sub", L"v", exe, 7).empty());
-}
-
-TEST(PatternRule, ValueNameMustMatchIgnoringCase) {
-    kwtest::TempDir dir;
-    std::wstring exe = dir.File(L"vn.exe");
-    EXPECT_EQ(std::vector<std::wstring>{kwtest::Upper(exe)},
-              PostSz(L"HKEY_LOCAL_MACHINE\\Elsewhere", L"WANTED", exe, 23));
-    EXPECT_TRUE(PostSz(L"HKEY_LOCAL_MACHINE\\Elsewhere", L"other", exe, 23).empty());
-}
-
-TEST(PatternRule, DefaultNullNamesTheDefaultValue) {
-    kwtest::TempDir dir;
-    std::wstring exe = dir.File(L"def.exe");
-    const std::wstring key = L"HKEY_LOCAL_MACHINE\\SOFTWARE\\kwtest\\Def";
-    EXPECT_EQ(std::vector<std::wstring>{kwtest::Upper(exe)}, PostSz(key, L"", exe, 25));
-    EXPECT_TRUE(PostSz(key, L"named", exe, 25).empty());
 }

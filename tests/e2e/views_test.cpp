@@ -6,28 +6,14 @@
 
 namespace {
 
-// A file that exists only in one of the two system folders, removed afterwards.
-struct SystemFile {
-    SystemFile(const std::wstring& folder, const std::wstring& name) {
-        path = kwtest::WindowsDir() + L"\\" + folder + L"\\" + name;
-        kwtest::MakeFile(path);
-    }
-    ~SystemFile() { DeleteFileW(path.c_str()); }
-    std::wstring path;
-};
-
-std::wstring Unique(const wchar_t* stem) {
-    return std::wstring(stem) + std::to_wstring(GetCurrentProcessId()) + L".exe";
-}
-
-}  // namespace
-
 struct ViewRow {
     const char* name;
     const wchar_t* runKey;
     const wchar_t* folderOfFile;   // where the file really is (through Sysnative for the 64-bit one)
     const wchar_t* reportedFolder; // the folder of the target, or null when not found
 };
+
+}  // namespace
 
 TEST(Views, RunKeyResolvesInItsOwnView) {
     const wchar_t* native = L"HKEY_LOCAL_MACHINE\\SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\Run";
@@ -40,9 +26,12 @@ TEST(Views, RunKeyResolvesInItsOwnView) {
     };
     for (const auto& r : rows) {
         SCOPED_TRACE(r.name);
-        std::wstring name = Unique(L"kwview");
-        SystemFile file(r.folderOfFile, name);
+        // A file that exists only in one of the two system folders.
+        const std::wstring name = L"kwview" + std::to_wstring(GetCurrentProcessId()) + L".exe",
+                           path = kwtest::WindowsDir() + L"\\" + r.folderOfFile + L"\\" + name;
+        ASSERT_TRUE(kwtest::MakeFile(path));
         auto targets = e2e::PostSz(r.runKey, L"View", name, 6);
+        DeleteFileW(path.c_str());
         ASSERT_EQ(1u, targets.size());
         if (r.reportedFolder)
             EXPECT_EQ(kwtest::Upper(kwtest::WindowsDir()) + L"\\" + r.reportedFolder + L"\\" + kwtest::Upper(name),
