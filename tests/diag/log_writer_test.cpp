@@ -274,7 +274,7 @@ INSTANTIATE_TEST_SUITE_P(
     ::testing::Values(
         ProbeRow{"no Holmlog ini writes nothing but computes the path", nullptr, L"--lines 1", kNone, kNone},
         ProbeRow{"DataSize 0 is off", "[OUTLOG]\r\nOutFile=1\r\nDebugView=1\r\nDataSize=0\r\n",
-                 L"--lines 1", kNone, kNone},
+                 L"--lines 1", kNone, kNone, false, "enabled=0"},
         ProbeRow{"DataSize 1 keeps one character",
                  "[OUTLOG]\r\nOutFile=1\r\nDebugView=0\r\nDataSize=1\r\nWriteSyn=1\r\n",
                  L"--lines 1", {L"p"}, kNone},

@@ -1,7 +1,8 @@
 // A child program for the file log writer's tests: the writer reads its
 // configuration once per process from beside the executable, so every
 // configuration runs in a process of its own. Prints the log path, its process
-// and thread ids ("key=value" lines, UTF-8), then writes lines as the options say.
+// and thread ids and whether the writer is on ("key=value" lines, UTF-8), then
+// writes lines as the options say.
 //
 //   --lines N       lines to write (default 0): "probe line #i"
 //   --level N       write through the writer with this level, not FileLog
@@ -209,8 +210,8 @@ int main() {
 
     kw::CLogWriter* w = kw::GetLogWriter();
     if (!w) return 3;
-    printf("logPath=%s\npid=%lu\ntid=%lu\n", kw::WideToUtf8(w->LogPath()).c_str(), GetCurrentProcessId(),
-           GetCurrentThreadId());
+    printf("logPath=%s\npid=%lu\ntid=%lu\nenabled=%d\n", kw::WideToUtf8(w->LogPath()).c_str(),
+           GetCurrentProcessId(), GetCurrentThreadId(), w->IsEnabled() ? 1 : 0);
     fflush(stdout);
 
     if (o.hold) {
