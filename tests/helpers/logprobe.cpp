@@ -1,18 +1,16 @@
 // A child program for the file log writer's tests: the writer reads its
 // configuration once per process from beside the executable, so every
-// configuration runs in a process of its own. Prints what the writer read
-// ("key=value" lines, UTF-8), then writes lines as the options say.
+// configuration runs in a process of its own. Prints the log path, its process
+// and thread ids and whether the writer is on ("key=value" lines, UTF-8), then
+// writes lines as the options say.
 //
-//   --text T        message text (default "probe line")
-//   --lines N       lines to write (default 0); with more than one, "T #i"
+//   --lines N       lines to write (default 0): "probe line #i"
 //   --level N       write through the writer with this level, not FileLog
 //   --if-open       write through FileLogIfOpen, and try one line before the
 //                   writer exists (it must not appear)
 //   --stop          call StopLogWriter() after the lines
-//   --again N       after the stop, write N more lines "again #i" and stop again
 //   --idle-ms N     after the lines, report this process's CPU time over N ms
 //                   of idling (idleCpuMs=...)
-//   --burn-ms N     the same measurement over N ms of a busy loop
 //   --dll N         N rounds of: load logprobelib.dll (beside the probe), write
 //                   "dll<round> #1" and "#2" through it, stop its writer,
 //                   unload it; reports dllUnloaded=<rounds after which the
@@ -26,8 +24,8 @@
 //                   through it and end the process without unloading it
 //   --dll-no-stop   load logprobelib.dll, write "dll #1".."#3", unload it
 //                   without a stop; reports dllLoadedAfterFree=1 while its
-//                   writer thread keeps it mapped, then waits (at most 5 s)
-//                   for the three lines to reach the file
+//                   writer thread keeps it mapped
+#include "common/strutil.h"
 #include "diag/log_writer.h"
 #include "diag/log_writer_state.h"
 
@@ -45,30 +43,16 @@ const char kFunction[] = "LogProbe::Main";
 const int kLine = 86;
 
 struct Options {
-    std::wstring text = L"probe line";
     int lines = 0;
     int level = -1;  // -1: FileLog
     bool ifOpen = false;
     bool stop = false;
-    int again = 0;
     int idleMs = 0;
-    int burnMs = 0;
     int dllRounds = 0;
     bool dllNoStop = false;
     bool hold = false;
     int dllExit = 0;
 };
-
-std::string Utf8(const std::wstring& s) {
-    if (s.empty()) return std::string();
-    int n = WideCharToMultiByte(CP_UTF8, 0, s.data(), static_cast<int>(s.size()), nullptr, 0,
-                                nullptr, nullptr);
-    std::string out(static_cast<size_t>(n > 0 ? n : 0), '\0');
-    if (n > 0)
-        WideCharToMultiByte(CP_UTF8, 0, s.data(), static_cast<int>(s.size()), &out[0], n, nullptr,
-                            nullptr);
-    return out;
-}
 
 Options ParseOptions() {
     Options o;
@@ -78,14 +62,11 @@ Options ParseOptions() {
     for (int i = 1; i < argc; ++i) {
         std::wstring a = argv[i];
         auto next = [&]() -> std::wstring { return i + 1 < argc ? argv[++i] : L""; };
-        if (a == L"--text") o.text = next();
-        else if (a == L"--lines") o.lines = _wtoi(next().c_str());
+        if (a == L"--lines") o.lines = _wtoi(next().c_str());
         else if (a == L"--level") o.level = _wtoi(next().c_str());
         else if (a == L"--if-open") o.ifOpen = true;
         else if (a == L"--stop") o.stop = true;
-        else if (a == L"--again") o.again = _wtoi(next().c_str());
         else if (a == L"--idle-ms") o.idleMs = _wtoi(next().c_str());
-        else if (a == L"--burn-ms") o.burnMs = _wtoi(next().c_str());
         else if (a == L"--dll") o.dllRounds = _wtoi(next().c_str());
         else if (a == L"--dll-no-stop") o.dllNoStop = true;
         else if (a == L"--hold") o.hold = true;
@@ -96,7 +77,7 @@ Options ParseOptions() {
 }
 
 void WriteOne(const Options& o, const std::wstring& message) {
-    if (o.level >= 0 || o.level < -1) {
+    if (o.level != -1) {
         kw::GetLogWriter()->Write(o.level, kSource, kFunction, kLine, "%ls", message.c_str());
     } else if (o.ifOpen) {
         kw::FileLogIfOpen(kSource, kFunction, kLine, "%ls", message.c_str());
@@ -105,47 +86,22 @@ void WriteOne(const Options& o, const std::wstring& message) {
     }
 }
 
-void WriteLines(const Options& o, const std::wstring& text, int count) {
-    if (count == 1) {
-        WriteOne(o, text);
-        return;
-    }
-    for (int i = 1; i <= count; ++i) WriteOne(o, text + L" #" + std::to_wstring(i));
+void WriteLines(const Options& o, int count) {
+    for (int i = 1; i <= count; ++i) WriteOne(o, L"probe line #" + std::to_wstring(i));
 }
 
 ULONGLONG ProcessCpu100ns() {
     FILETIME created, exited, kernel, user;
     if (!GetProcessTimes(GetCurrentProcess(), &created, &exited, &kernel, &user)) return 0;
-    ULARGE_INTEGER k, u;
-    k.LowPart = kernel.dwLowDateTime;
-    k.HighPart = kernel.dwHighDateTime;
-    u.LowPart = user.dwLowDateTime;
-    u.HighPart = user.dwHighDateTime;
-    return k.QuadPart + u.QuadPart;
+    auto ticks = [](const FILETIME& f) { return (ULONGLONG(f.dwHighDateTime) << 32) | f.dwLowDateTime; };
+    return ticks(kernel) + ticks(user);
 }
 
-volatile LONG g_burning = 1;
-DWORD WINAPI Burn(void*) {
-    volatile unsigned long long x = 0;
-    while (InterlockedCompareExchange(&g_burning, 1, 1)) ++x;
-    return 0;
-}
-
-// CPU time of the whole process (all threads) over `ms` of idling or of a
-// busy thread, in milliseconds.
-double MeasureCpuMs(int ms, bool burn) {
+// CPU time of the whole process (all threads) over `ms` of idling, in milliseconds.
+double IdleCpuMs(int ms) {
     ULONGLONG before = ProcessCpu100ns();
-    ULONGLONG wallBefore = GetTickCount64();
-    HANDLE burner = burn ? CreateThread(nullptr, 0, Burn, nullptr, 0, nullptr) : nullptr;
     Sleep(static_cast<DWORD>(ms));
-    if (burner) {
-        InterlockedExchange(&g_burning, 0);
-        WaitForSingleObject(burner, INFINITE);
-        CloseHandle(burner);
-    }
-    ULONGLONG after = ProcessCpu100ns();
-    printf("wallMs=%llu\n", GetTickCount64() - wallBefore);
-    return static_cast<double>(after - before) / 10000.0;
+    return static_cast<double>(ProcessCpu100ns() - before) / 10000.0;
 }
 
 typedef void (*LogProbeWrite_t)(const wchar_t*);
@@ -221,21 +177,7 @@ int DllRounds(int rounds) {
     return unloaded;
 }
 
-size_t CountLines(const std::wstring& path) {
-    std::string text;
-    HANDLE h = CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
-                           OPEN_EXISTING, 0, nullptr);
-    if (h == INVALID_HANDLE_VALUE) return 0;
-    char buf[4096];
-    DWORD got = 0;
-    while (ReadFile(h, buf, sizeof(buf), &got, nullptr) && got) text.append(buf, got);
-    CloseHandle(h);
-    size_t n = 0;
-    for (size_t pos = 0; (pos = text.find("\r\n", pos)) != std::string::npos; pos += 2) ++n;
-    return n;
-}
-
-bool DllNoStop(const std::wstring& logPath) {
+bool DllNoStop() {
     HMODULE lib = LoadLibraryW(LibPath().c_str());
     if (!lib) return false;
     auto write = Export<LogProbeWrite_t>(lib, "LogProbeWrite");
@@ -245,7 +187,6 @@ bool DllNoStop(const std::wstring& logPath) {
     // The writer thread still holds its own reference to the module.
     Sleep(300);
     printf("dllLoadedAfterFree=%d\n", GetModuleHandleW(kLibName) ? 1 : 0);
-    for (int waited = 0; waited < 5000 && CountLines(logPath) < 3; waited += 10) Sleep(10);
     return true;
 }
 
@@ -269,11 +210,8 @@ int main() {
 
     kw::CLogWriter* w = kw::GetLogWriter();
     if (!w) return 3;
-    printf("logPath=%s\n", Utf8(w->LogPath()).c_str());
-    printf("enabled=%d\n", w->IsEnabled() ? 1 : 0);
-    printf("outFile=%d\ndebugView=%d\ndataSize=%d\nwriteSyn=%d\n", w->OutFile(), w->DebugView(),
-           w->DataSize(), w->WriteSyn());
-    printf("pid=%lu\ntid=%lu\n", GetCurrentProcessId(), GetCurrentThreadId());
+    printf("logPath=%s\npid=%lu\ntid=%lu\nenabled=%d\n", kw::WideToUtf8(w->LogPath()).c_str(),
+           GetCurrentProcessId(), GetCurrentThreadId(), w->IsEnabled() ? 1 : 0);
     fflush(stdout);
 
     if (o.hold) {
@@ -281,20 +219,15 @@ int main() {
         if (!state) return 5;
         state->HoldWriter(true);
     }
-    WriteLines(o, o.text, o.lines);
-    if (o.idleMs > 0 || o.burnMs > 0) {
+    WriteLines(o, o.lines);
+    if (o.idleMs > 0) {
         // Let the writer finish the lines so that only the idle period counts.
         Sleep(200);
-        double cpuMs = MeasureCpuMs(o.idleMs > 0 ? o.idleMs : o.burnMs, o.burnMs > 0);
-        printf("%s=%.1f\n", o.idleMs > 0 ? "idleCpuMs" : "burnCpuMs", cpuMs);
+        printf("idleCpuMs=%.1f\n", IdleCpuMs(o.idleMs));
     }
     if (o.stop) kw::StopLogWriter();
-    if (o.again > 0) {
-        WriteLines(o, L"again", o.again);
-        kw::StopLogWriter();
-    }
     if (o.dllRounds > 0) printf("dllUnloaded=%d\n", DllRounds(o.dllRounds));
-    if (o.dllNoStop && !DllNoStop(w->LogPath())) return 4;
+    if (o.dllNoStop && !DllNoStop()) return 4;
     if (o.dllExit > 0 && !DllExit(o.dllExit)) return 6;
     printf("done=1\n");
     fflush(stdout);
