@@ -43,8 +43,6 @@ std::wstring RegString(REGSAM view, const wchar_t* name, bool expand) {
     return buf;
 }
 
-using kwtest::ProcessIsWow64;
-using kwtest::RowName;
 using kwtest::ScopedEnv;
 std::wstring Env(const wchar_t* name) { return kwtest::EnvText(name); }
 
@@ -115,12 +113,6 @@ private:
     bool m_had = false;
 };
 
-// Sets the trace sink for a scope (also when an assertion returns early).
-struct SinkScope {
-    explicit SinkScope(IHostRuleEngine* sink) { SetLogSink(sink); }
-    ~SinkScope() { SetLogSink(nullptr); }
-};
-
 // Read before any test changes the process environment.
 class TraceCapture : public ::testing::Test {
 protected:
@@ -135,62 +127,39 @@ protected:
 }  // namespace
 
 // ---------------------------------------------------------------------------
-// Both entry points over the same rows. {IN} and {OUT} in `log` stand for the
-// input and the expected result; the other {...} for facts read from the system.
+// Both entry points over the same rows; {...} stand for facts read from the
+// system. ExpandPath traces every text with a '%' and nothing else.
 struct ExpandRow {
     const char* name;
     const wchar_t* input;
     BOOL bWow64Expand;
     const wchar_t* expected;
-    const wchar_t* log;  // the one closing line ExpandPath writes; null: no line at all
 };
 // Test names show the row title, not the bytes of the row.
 void PrintTo(const ExpandRow& r, std::ostream* os) { *os << r.name; }
 
 enum : BOOL { VIEW64 = 0, NATIVE = 1 };
-#define NATIVE_LOG L"ExpandPath szEnviePath={IN} outputPath={OUT}"
-#define VIEW64_LOG L"ExpandEnvironmentStrings in={IN}, out={OUT}"
 
 const ExpandRow kExpandRows[] = {
-    {"no percent sign native", L"C:\\Dir\\A.exe", NATIVE, L"C:\\Dir\\A.exe", nullptr},
-    {"no percent sign 64-bit view", L"C:\\Dir\\A.exe", VIEW64, L"C:\\Dir\\A.exe", nullptr},
+    {"no percent sign", L"C:\\Dir\\A.exe", NATIVE, L"C:\\Dir\\A.exe"},
     {"program files 64-bit view lower-cases around the token", L"%ProgramFiles%\\A\\b.exe", VIEW64,
-     L"{PF64}\\a\\b.exe", VIEW64_LOG},
+     L"{PF64}\\a\\b.exe"},
     {"program files with the flag set is the 32-bit folder", L"%ProgramFiles%\\A\\b.exe", NATIVE,
-     L"{PF32}\\A\\b.exe", NATIVE_LOG},
-    {"common files 64-bit view", L"%CommonProgramFiles%\\Sub\\X.dll", VIEW64, L"{CF64}\\sub\\x.dll",
-     VIEW64_LOG},
-    {"common files with the flag set is the 32-bit folder", L"%CommonProgramFiles%\\Sub\\X.dll",
-     NATIVE, L"{CF32}\\Sub\\X.dll", NATIVE_LOG},
+     L"{PF32}\\A\\b.exe"},
+    {"common files 64-bit view", L"%CommonProgramFiles%\\Sub\\X.dll", VIEW64, L"{CF64}\\sub\\x.dll"},
     {"both program tokens lower case in the 64-bit view", L"%programfiles%;%commonprogramfiles%",
-     VIEW64, L"{PF64};{CF64}", VIEW64_LOG},
-    {"WinSystem that no environment defines", L"%WinSystem%\\x.dll", NATIVE, L"{SYSDIR}\\x.dll",
-     NATIVE_LOG},
-    {"AllUserProfile is removed", L"%AllUserProfile%\\x", NATIVE, L"\\x", NATIVE_LOG},
-    {"Temp is the user's TEMP", L"%Temp%\\a.exe", NATIVE, L"{TEMP}\\a.exe", NATIVE_LOG},
-    {"Tmp is the user's TEMP", L"%Tmp%\\a.exe", NATIVE, L"{TEMP}\\a.exe", NATIVE_LOG},
-    {"TEMP in the 64-bit view", L"%TEMP%\\X.exe", VIEW64, L"{TEMP}\\x.exe", VIEW64_LOG},
-    {"UserProfile", L"%UserProfile%\\Desktop\\a.lnk", NATIVE, L"{PROFILE}\\Desktop\\a.lnk",
-     NATIVE_LOG},
-    {"SystemRoot and WinDir", L"%SystemRoot%\\a;%WinDir%\\b", NATIVE, L"{WINDIR}\\a;{WINDIR}\\b",
-     NATIVE_LOG},
-    {"SystemDrive", L"%SystemDrive%\\x", NATIVE, L"{DRIVE}\\x", NATIVE_LOG},
-    {"percent without closing percent native", L"C:\\100%\\A.exe", NATIVE, L"C:\\100%\\A.exe",
-     NATIVE_LOG},
-    {"percent without closing percent 64-bit view", L"C:\\100%\\A.exe", VIEW64, L"c:\\100%\\a.exe",
-     VIEW64_LOG},
-    {"unknown variable stays", L"%KwNoSuchVariable%\\A.exe", NATIVE, L"%KwNoSuchVariable%\\A.exe",
-     NATIVE_LOG},
-    {"lone percent", L"%", NATIVE, L"%", NATIVE_LOG},
+     VIEW64, L"{PF64};{CF64}"},
+    {"WinSystem that no environment defines", L"%WinSystem%\\x.dll", NATIVE, L"{SYSDIR}\\x.dll"},
+    {"AllUserProfile is removed", L"%AllUserProfile%\\x", NATIVE, L"\\x"},
+    {"Temp is the user's TEMP", L"%Temp%\\a.exe", NATIVE, L"{TEMP}\\a.exe"},
+    {"TEMP in the 64-bit view", L"%TEMP%\\X.exe", VIEW64, L"{TEMP}\\x.exe"},
+    {"percent without closing percent", L"C:\\100%\\A.exe", NATIVE, L"C:\\100%\\A.exe"},
+    {"unknown variable stays", L"%KwNoSuchVariable%\\A.exe", NATIVE, L"%KwNoSuchVariable%\\A.exe"},
 };
 
+// VIEW64 rows need this 32-bit program on 64-bit Windows, as all tests here.
 class ExpandRows : public TraceCapture, public ::testing::WithParamInterface<ExpandRow> {
 protected:
-    void SetUp() override {
-        TraceCapture::SetUp();
-        if (GetParam().bWow64Expand == VIEW64 && !ProcessIsWow64())
-            GTEST_SKIP() << "needs a 32-bit process on 64-bit Windows";
-    }
     std::wstring Expected() const { return Facts().Fill(GetParam().expected); }
 };
 
@@ -200,7 +169,7 @@ TEST_P(ExpandRows, ExpandPathInPlace) {
     CopyBounded(buf, 261, r.input);
     EXPECT_EQ(buf, ExpandPath(buf, sizeof(buf), nullptr, nullptr, r.bWow64Expand));
     EXPECT_EQ(Expected(), std::wstring(buf));
-    EXPECT_EQ(!r.log, sink.Messages().empty()) << "text without '%' is not traced";
+    EXPECT_EQ(!wcschr(r.input, L'%'), sink.Messages().empty()) << "text without '%' is not traced";
 }
 
 // The closing line of each branch, once per format.
@@ -210,7 +179,6 @@ TEST_F(ExpandPathTrace, ClosingLineOncePerFormat) {
     ExpandPath(buf, sizeof(buf), nullptr, nullptr, NATIVE);
     EXPECT_EQ(L"ExpandPath szEnviePath=%SystemDrive%\\x outputPath=" + Facts().drive + L"\\x",
               sink.Messages().back());
-    if (!ProcessIsWow64()) return;
     sink.Clear();
     CopyBounded(buf, 261, L"%TEMP%\\X.exe");
     ExpandPath(buf, sizeof(buf), nullptr, nullptr, VIEW64);
@@ -276,12 +244,8 @@ INSTANTIATE_TEST_SUITE_P(
     ::testing::Values(BufferRow{"result of 259 characters fits 522 bytes", 259, 522, 259},
                       BufferRow{"result of 260 characters fills 522 bytes", 260, 522, 260},
                       BufferRow{"result of 261 characters is cut to 260", 261, 522, 260},
-                      BufferRow{"result of 270 characters is cut to 260", 270, 522, 260},
                       BufferRow{"odd byte count 523 still holds 260", 270, 523, 260},
-                      BufferRow{"521 bytes hold 259", 270, 521, 259},
-                      BufferRow{"1022 bytes hold the whole result", 270, 1022, 270},
-                      BufferRow{"cbPath 1 copies nothing", 270, 1, kUntouched},
-                      BufferRow{"cbPath 0 copies nothing", 270, 0, kUntouched}),
+                      BufferRow{"cbPath 1 copies nothing", 270, 1, kUntouched}),
     kwtest::ByRowName());
 
 TEST(ExpandPathBuffer, TwoBytesHoldOnlyTheTerminator) {
@@ -320,7 +284,6 @@ TEST_P(ExpansionLength, NativeBranch) {
 }
 
 TEST_P(ExpansionLength, View64BranchKeepsLowerCasedTextOnFailure) {
-    if (!ProcessIsWow64()) GTEST_SKIP() << "needs a 32-bit process on 64-bit Windows";
     const LengthRow& r = GetParam();
     const std::wstring value(r.valueLength, L'v');
     ScopedEnv big(L"KWBIGVALUE", value.c_str());
@@ -330,10 +293,8 @@ TEST_P(ExpansionLength, View64BranchKeepsLowerCasedTextOnFailure) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Rows, ExpansionLength,
-                         ::testing::Values(LengthRow{"4094 characters", 4094, true},
-                                           LengthRow{"4095 characters", 4095, true},
-                                           LengthRow{"4096 characters fail", 4096, false},
-                                           LengthRow{"5000 characters fail", 5000, false}),
+                         ::testing::Values(LengthRow{"4095 characters", 4095, true},
+                                           LengthRow{"4096 characters fail", 4096, false}),
                          kwtest::ByRowName());
 
 // ---------------------------------------------------------------------------
@@ -350,7 +311,6 @@ void PrintTo(const FallbackRow& r, std::ostream* os) { *os << r.name; }
 class View64Fallback : public TraceCapture, public ::testing::WithParamInterface<FallbackRow> {};
 
 TEST_P(View64Fallback, RegistryFolders) {
-    if (!ProcessIsWow64()) GTEST_SKIP() << "needs a 32-bit process on 64-bit Windows";
     const FallbackRow& r = GetParam();
     ScopedEnv noProgramW6432(L"ProgramW6432", nullptr);
     ScopedEnv noCommonW6432(L"CommonProgramW6432", nullptr);
@@ -394,45 +354,36 @@ INSTANTIATE_TEST_SUITE_P(
 struct FolderRow {
     const char* name;
     int id;
+    bool view64;
     const wchar_t* expected;
 };
 void PrintTo(const FolderRow& r, std::ostream* os) { *os << r.name; }
 
+// The rows the process-wide race below does not cover: the ends of both
+// tables and what each view makes of ids 261..263.
 class FolderById : public ::testing::TestWithParam<FolderRow> {};
-TEST_P(FolderById, Native) {
-    EXPECT_EQ(Facts().Fill(GetParam().expected), std::wstring(GetFolderPathById(GetParam().id)));
-}
-INSTANTIATE_TEST_SUITE_P(
-    Rows, FolderById,
-    ::testing::Values(FolderRow{"256 system drive", 256, L"{DRIVE}"},
-                      FolderRow{"257 windows", 257, L"{WINDIR}"},
-                      FolderRow{"259 program files of the process view", 259, L"{PF32}"},
-                      FolderRow{"261 is the literal token", 261, L"%USERPROFILE%"},
-                      FolderRow{"262 is empty in the native view", 262, L""},
-                      FolderRow{"263 is the literal token", 263, L"%TEMP%"},
-                      FolderRow{"264 is not a folder", 264, L""},
-                      FolderRow{"shell id 0x24 windows", 0x24, L"{WINDIR}"}),
-    kwtest::ByRowName());
-
-class FolderById64 : public ::testing::TestWithParam<FolderRow> {};
-TEST_P(FolderById64, View64) {
-    std::wstring expected = Facts().Fill(GetParam().expected);
-    if (GetParam().id == PATHID_ALLUSERSPROFILE) {
+TEST_P(FolderById, BothViews) {
+    const FolderRow& r = GetParam();
+    const wchar_t* got = r.view64 ? GetFolderPathById64(r.id) : GetFolderPathById(r.id);
+    std::wstring expected = Facts().Fill(r.expected);
+    if (r.view64 && r.id == PATHID_ALLUSERSPROFILE) {
         wchar_t buf[MAX_PATH] = {0};
         ExpandEnvironmentStringsW(L"%AllUserProfile%", buf, MAX_PATH);
         expected = buf;
     }
-    EXPECT_EQ(expected, std::wstring(GetFolderPathById64(GetParam().id)));
+    EXPECT_EQ(expected, std::wstring(got));
 }
 INSTANTIATE_TEST_SUITE_P(
-    Rows, FolderById64,
-    ::testing::Values(FolderRow{"256 system drive", 256, L"{DRIVE}"},
-                      FolderRow{"259 program files of the 64-bit view", 259, L"{PF64}"},
-                      FolderRow{"260 common files of the 64-bit view", 260, L"{CF64}"},
-                      FolderRow{"261 the process profile", 261, L"{PROFILE}"},
-                      FolderRow{"262 AllUserProfile as the environment expands it", 262, L""},
-                      FolderRow{"263 temp without trailing backslash", 263, L"{TEMP}"},
-                      FolderRow{"264 is not a folder", 264, L""}),
+    Rows, FolderById,
+    ::testing::Values(FolderRow{"native 262 is empty", 262, false, L""},
+                      FolderRow{"native 263 is the literal token", 263, false, L"%TEMP%"},
+                      FolderRow{"native 264 is not a folder", 264, false, L""},
+                      FolderRow{"native shell id 0x24 windows", 0x24, false, L"{WINDIR}"},
+                      FolderRow{"64-bit 256 system drive", 256, true, L"{DRIVE}"},
+                      FolderRow{"64-bit 261 the process profile", 261, true, L"{PROFILE}"},
+                      FolderRow{"64-bit 262 AllUserProfile as the environment expands it", 262,
+                                true, L""},
+                      FolderRow{"64-bit 264 is not a folder", 264, true, L""}),
     kwtest::ByRowName());
 
 TEST(QueryFolderPath, ClearsTheWholeBufferAndIgnoresNull) {
@@ -475,14 +426,33 @@ TEST_F(SpecialPath, ProfileAndTempFromTheEnvironment) {
     EXPECT_EQ(L"GetSpecialPathByToken Success,szEnvir=TEMP exPath=" + Env(L"TEMP"), m[3]);
 }
 
-TEST_F(SpecialPath, NoEnvironmentAndNoSidFails) {
-    ScopedEnv noProfile(L"USERPROFILE", nullptr);
-    wchar_t out[MAX_PATH] = L"stale";
-    EXPECT_FALSE(GetSpecialPathByToken(nullptr, nullptr, PATHID_USERPROFILE, out));
-    EXPECT_EQ(std::wstring(), out);
-    EXPECT_EQ((std::vector<std::wstring>{L"ExpandEnvironmentStringsForUserW Fail", L"UserSid=0"}),
-              sink.Messages());
-    EXPECT_FALSE(GetSpecialPathByToken(nullptr, L"", PATHID_USERPROFILE, out));
+// Without the variable in the environment the SID decides; without a usable
+// SID the answer is a refusal with an empty result and one closing line.
+TEST_F(SpecialPath, Refusals) {
+    const struct {
+        const char* name;
+        const wchar_t* variable;  // removed from the environment
+        const wchar_t* sid;
+        int folderId;
+        const wchar_t* lastLine;
+    } rows[] = {
+        {"no sid", L"USERPROFILE", nullptr, PATHID_USERPROFILE, L"UserSid=0"},
+        {"empty sid", L"USERPROFILE", L"", PATHID_USERPROFILE, L"UserSid=0"},
+        {"unknown sid", L"TEMP", L"S-1-5-21-9-9-9-424242", PATHID_TEMP,
+         L"GetSpecialShellVariableBySid Error"},
+    };
+    for (const auto& r : rows) {
+        SCOPED_TRACE(r.name);
+        ScopedEnv unset(r.variable, nullptr);
+        sink.Clear();
+        wchar_t out[MAX_PATH] = L"stale";
+        EXPECT_FALSE(GetSpecialPathByToken(nullptr, r.sid, r.folderId, out));
+        EXPECT_EQ(std::wstring(), out);
+        ASSERT_FALSE(sink.Messages().empty());
+        EXPECT_EQ(L"ExpandEnvironmentStringsForUserW Fail", sink.Messages().front());
+        EXPECT_EQ(r.lastLine, sink.Messages().back());
+    }
+    EXPECT_FALSE(GetSpecialPathByToken(nullptr, nullptr, PATHID_TEMP, nullptr));
 }
 
 TEST_F(SpecialPath, NoEnvironmentAsksTheManagerForTheSid) {
@@ -498,20 +468,6 @@ TEST_F(SpecialPath, NoEnvironmentAsksTheManagerForTheSid) {
     EXPECT_EQ(L"GetSpecialShellVariableBySid Success szEnvir=USERPROFILE szExpandEnvirPath=" +
                   Facts().profile,
               m[1]);
-}
-
-TEST_F(SpecialPath, UnknownSidFails) {
-    ScopedEnv noTemp(L"TEMP", nullptr);
-    wchar_t out[MAX_PATH] = L"stale";
-    EXPECT_FALSE(GetSpecialPathByToken(nullptr, L"S-1-5-21-9-9-9-424242", PATHID_TEMP, out));
-    EXPECT_EQ(std::wstring(), out);
-    std::vector<std::wstring> m = sink.Messages();
-    ASSERT_FALSE(m.empty());
-    EXPECT_EQ(L"GetSpecialShellVariableBySid Error", m.back());
-}
-
-TEST_F(SpecialPath, NullOutputIsRefused) {
-    EXPECT_FALSE(GetSpecialPathByToken(nullptr, nullptr, PATHID_TEMP, nullptr));
 }
 
 TEST_F(SpecialPath, ExpandPathStringUsesWhateverTheResolverLeft) {
@@ -558,14 +514,10 @@ struct CommonFilesRow {
 const CommonFilesRow kCommonFilesRows[] = {
     {"native 129 characters fit", false, REG_SZ, 129, true, nullptr, false, nullptr},
     {"native 130 characters leave it empty", false, REG_SZ, 130, true, nullptr, true, nullptr},
-    {"native 129 characters without terminator fit", false, REG_SZ, 129, false, nullptr, false,
-     nullptr},
     {"native 130 characters without terminator leave it empty", false, REG_SZ, 130, false, nullptr,
      true, nullptr},
     {"native REG_EXPAND_SZ is not expanded", false, REG_EXPAND_SZ, 0, true, L"%SystemDrive%\\CF",
      false, L"%SystemDrive%\\CF"},
-    {"native DWORD leaves it empty", false, REG_DWORD, 0, true, L"", true, nullptr},
-    {"64-bit 129 characters fit", true, REG_SZ, 129, true, nullptr, false, nullptr},
     {"64-bit 130 characters leave it empty", true, REG_SZ, 130, true, nullptr, true, nullptr},
     {"64-bit REG_EXPAND_SZ is expanded", true, REG_EXPAND_SZ, 0, true, L"%SystemDrive%\\CF", false,
      L"{DRIVE}\\CF"},
@@ -575,15 +527,15 @@ TEST(ExpandPathCommonFilesDir, Row_Child) {
     if (!kwtest::IsChild()) GTEST_SKIP() << "runs in its own process";
     const CommonFilesRow& r = kCommonFilesRows[kwtest::RowIndex("KW_EXPAND_ROW")];
     std::wstring value = r.length ? L"C:\\" + std::wstring(r.length - 3, L'c') : r.text;
-    std::vector<BYTE> data(
-        reinterpret_cast<const BYTE*>(value.c_str()),
-        reinterpret_cast<const BYTE*>(value.c_str() + value.size() + (r.terminated ? 1 : 0)));
-    if (r.type == REG_DWORD) data.assign(4, 1);
+    // The system stores an unterminated string together with a NUL that follows
+    // it in memory: a character follows it here so that it stays unterminated.
+    const std::wstring stored = r.terminated ? value : value + L"x";
+    const DWORD cb = static_cast<DWORD>((value.size() + (r.terminated ? 1 : 0)) * sizeof(wchar_t));
     wchar_t out[MAX_PATH] = {0};
     std::wstring programFiles;
     {
         RegValueRestorer restore(r.view64 ? KEY_WOW64_64KEY : KEY_WOW64_32KEY, L"CommonFilesDir");
-        ASSERT_TRUE(restore.Set(r.type, data.data(), static_cast<DWORD>(data.size())));
+        ASSERT_TRUE(restore.Set(r.type, stored.c_str(), cb));
         if (r.view64) {
             QueryFolderPath64(PATHID_COMMONFILES, out);
             programFiles = GetFolderPathById64(PATHID_PROGRAMFILES);
@@ -665,7 +617,7 @@ TEST(ExpandPathSecondUser, Run_Child) {
     ScopedEnv noTemp(L"TEMP", nullptr);
     ScopedEnv noTmp(L"TMP", nullptr);
     kwtest::RecordingSink sink;
-    SinkScope sinkScope(&sink);
+    SetLogSink(&sink);  // this process ends with the test
     const std::wstring temp = profile + L"\\AppData\\Local\\Temp";
 
     wchar_t out[MAX_PATH] = {0};
