@@ -172,17 +172,6 @@ INSTANTIATE_TEST_SUITE_P(
                      (L"HKEY_LOCAL_MACHINE\\SYSTEM\\CurrentControlSet\\" + kLong).substr(0, kCchOut - 1)}),
     ::kwtest::ByRowName());
 
-TEST(Translate, TracesTheSidOfTheActingProcess) {
-    CRegKeyTranslate t;
-    SetName(t, L"ControlSet001");
-    ScopedSink cap;
-    wchar_t out[kCchOut];
-    const std::wstring key = WithSid(L"HKEY_USERS\\<SID>\\Software");
-    EXPECT_TRUE(t.Translate(GetCurrentProcessId(), key.c_str(), out, sizeof(out)));
-    EXPECT_EQ(std::vector<std::wstring>{L"[kwRegAnalyze][INFO ][GetUserSidByPid] " + kwtest::CurrentUserSid()},
-              cap.Texts());
-}
-
 TEST(Translate, MachineKeysNeedNoProcess) {
     CRegKeyTranslate t;
     SetName(t, L"ControlSet001");

@@ -82,15 +82,12 @@ protected:
     ScopedSink cap;
 };
 
-TEST_F(TransformEventTest, NullEvent) {
+TEST_F(TransformEventTest, NullEventOrRequest) {
     EXPECT_FALSE(plug.TransformEventRegPath(nullptr));
-    EXPECT_EQ(std::vector<std::wstring>{LINE_EVENT_ERR L"pEvent == nullptr"}, cap.Texts());
-}
-
-TEST_F(TransformEventTest, EventWithoutRequest) {
     event.drv = nullptr;
     EXPECT_FALSE(plug.TransformEventRegPath(&event));
-    EXPECT_EQ(std::vector<std::wstring>{LINE_EVENT_ERR L"pReq == nullptr"}, cap.Texts());
+    EXPECT_EQ((std::vector<std::wstring>{LINE_EVENT_ERR L"pEvent == nullptr", LINE_EVENT_ERR L"pReq == nullptr"}),
+              cap.Texts());
 }
 
 TEST_F(TransformEventTest, FileRequestIsLeftAlone) {
