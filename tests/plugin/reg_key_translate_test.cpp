@@ -5,14 +5,13 @@
 
 #include "common/strutil.h"
 #include "resolve/wow64.h"
-#include "support/child.h"
 #include "support/control_set_select.h"
 #include "support/fixtures.h"
+#include "support/kit.h"
 #include "support/trace_capture.h"
 
 #include <gtest/gtest.h>
 
-#include <cctype>
 #include <string>
 #include <vector>
 
@@ -23,12 +22,6 @@ namespace {
 
 constexpr wchar_t kGuard = L'#';
 constexpr size_t kCchOut = 1024;
-
-std::string ParamName(const char* name) {
-    std::string s;
-    for (const char* p = name; *p; ++p) s += std::isalnum(static_cast<unsigned char>(*p)) ? *p : '_';
-    return s;
-}
 
 void SetName(CRegKeyTranslate& t, const wchar_t* name) { CopyBounded(t.m_szCurrentControlSet, MAX_PATH, name); }
 
@@ -72,11 +65,8 @@ INSTANTIATE_TEST_SUITE_P(
     ::testing::Values(
         ReplaceRow{"control set 1", L"ControlSet001", L"HKEY_LOCAL_MACHINE\\SYSTEM\\ControlSet001\\Services\\x", true,
                    L"HKEY_LOCAL_MACHINE\\SYSTEM\\CurrentControlSet\\Services\\x"},
-        ReplaceRow{"control set 10", L"ControlSet0010", L"HKEY_LOCAL_MACHINE\\SYSTEM\\ControlSet0010\\Services", true,
-                   L"HKEY_LOCAL_MACHINE\\SYSTEM\\CurrentControlSet\\Services"},
         ReplaceRow{"name found without regard to case", L"ControlSet001", L"hklm\\system\\CONTROLSET001\\x", true,
                    L"hklm\\system\\CurrentControlSet\\x"},
-        ReplaceRow{"name at the end", L"ControlSet001", L"SYSTEM\\ControlSet001", true, L"SYSTEM\\CurrentControlSet"},
         ReplaceRow{"name at the start has nothing in front", L"ControlSet001", L"ControlSet001\\x", true,
                    L"\\CurrentControlSet\\x"},
         ReplaceRow{"only the first occurrence", L"ControlSet001", L"A\\ControlSet001\\B\\ControlSet001", true,
@@ -86,7 +76,7 @@ INSTANTIATE_TEST_SUITE_P(
         ReplaceRow{"another control set is not replaced", L"ControlSet001", L"SYSTEM\\ControlSet002\\x", false,
                    nullptr},
         ReplaceRow{"empty name", L"", L"SYSTEM\\ControlSet001\\x", false, nullptr}),
-    [](const ::testing::TestParamInfo<ReplaceRow>& info) { return ParamName(info.param.name); });
+    ::kwtest::ByRowName());
 
 TEST(ReplaceCurrentControlSet, RefusesMissingArguments) {
     CRegKeyTranslate t;
@@ -150,17 +140,9 @@ INSTANTIATE_TEST_SUITE_P(
         TranslateRow{"machine key with control set 1", L"ControlSet001",
                      L"HKEY_LOCAL_MACHINE\\SYSTEM\\ControlSet001\\Services\\x", true,
                      L"HKEY_LOCAL_MACHINE\\SYSTEM\\CurrentControlSet\\Services\\x"},
-        TranslateRow{"machine key with control set 10", L"ControlSet0010",
-                     L"HKEY_LOCAL_MACHINE\\SYSTEM\\ControlSet0010\\Services\\x", true,
-                     L"HKEY_LOCAL_MACHINE\\SYSTEM\\CurrentControlSet\\Services\\x"},
         TranslateRow{"machine key of another control set stays", L"ControlSet001",
                      L"HKEY_LOCAL_MACHINE\\SYSTEM\\ControlSet002\\Services", true,
                      L"HKEY_LOCAL_MACHINE\\SYSTEM\\ControlSet002\\Services"},
-        TranslateRow{"machine key without control set name", L"",
-                     L"HKEY_LOCAL_MACHINE\\SYSTEM\\ControlSet001\\Services", true,
-                     L"HKEY_LOCAL_MACHINE\\SYSTEM\\ControlSet001\\Services"},
-        TranslateRow{"software key", L"ControlSet001", L"HKEY_LOCAL_MACHINE\\SOFTWARE\\Microsoft\\Run", true,
-                     L"HKEY_LOCAL_MACHINE\\SOFTWARE\\Microsoft\\Run"},
         TranslateRow{"root name in other case is written in capitals", L"ControlSet001",
                      L"hkey_local_machine\\software\\x", true, L"HKEY_LOCAL_MACHINE\\software\\x"},
         TranslateRow{"machine root alone", L"ControlSet001", L"HKEY_LOCAL_MACHINE\\", true, L"HKEY_LOCAL_MACHINE\\"},
@@ -172,48 +154,23 @@ INSTANTIATE_TEST_SUITE_P(
         TranslateRow{"hardware profile with the current set 1 keeps the machine root", L"ControlSet001",
                      L"HKEY_LOCAL_MACHINE\\SYSTEM\\ControlSet001\\Hardware Profiles\\0001\\Software", true,
                      L"HKEY_LOCAL_MACHINE\\SYSTEM\\CurrentControlSet\\Hardware Profiles\\0001\\Software"},
-        TranslateRow{"hardware profile without control set name", L"",
-                     L"HKEY_LOCAL_MACHINE\\SYSTEM\\ControlSet001\\Hardware Profiles\\0001\\x", true,
-                     L"HKEY_CURRENT_CONFIG\\x"},
         TranslateRow{"own hive", L"ControlSet001", L"HKEY_USERS\\<SID>\\Software\\Run", true,
                      L"HKEY_CURRENT_USER\\Software\\Run"},
-        TranslateRow{"own class hive", L"ControlSet001", L"HKEY_USERS\\<SID>_Classes\\CLSID\\{x}", true,
-                     L"HKEY_CURRENT_USER\\Software\\Classes\\CLSID\\{x}"},
         TranslateRow{"own class hive in capitals", L"ControlSet001", L"HKEY_USERS\\<SID>_CLASSES\\.exe", true,
                      L"HKEY_CURRENT_USER\\Software\\Classes\\.exe"},
         TranslateRow{"own hive key itself", L"ControlSet001", L"HKEY_USERS\\<SID>", true, L"HKEY_USERS\\<SID>"},
         TranslateRow{"another user's hive stays", L"ControlSet001", L"HKEY_USERS\\S-1-5-21-1\\Software\\Run", true,
                      L"HKEY_USERS\\S-1-5-21-1\\Software\\Run"},
-        TranslateRow{"another user's class hive stays", L"ControlSet001", L"HKEY_USERS\\S-1-5-21-1_Classes\\CLSID",
-                     true, L"HKEY_USERS\\S-1-5-21-1_Classes\\CLSID"},
         TranslateRow{"a SID that extends ours is another user", L"ControlSet001", L"HKEY_USERS\\<SID>0\\x", true,
                      L"HKEY_USERS\\<SID>0\\x"},
-        TranslateRow{"default profile stays", L"ControlSet001", L"HKEY_USERS\\.DEFAULT\\Software", true,
-                     L"HKEY_USERS\\.DEFAULT\\Software"},
         TranslateRow{"current user root is not a monitored form", L"ControlSet001", L"HKEY_CURRENT_USER\\Software",
                      false, L""},
-        TranslateRow{"kernel path is not translated", L"ControlSet001", L"\\REGISTRY\\MACHINE\\SOFTWARE\\x", false,
-                     L""},
-        TranslateRow{"empty key", L"ControlSet001", L"", false, L""},
         TranslateRow{"long machine key is cut to the output", L"ControlSet001", L"HKEY_LOCAL_MACHINE\\" + kLong,
                      true, (L"HKEY_LOCAL_MACHINE\\" + kLong).substr(0, kCchOut - 1)},
         TranslateRow{"long replaced key is cut to the scratch buffer", L"ControlSet001",
                      L"HKEY_LOCAL_MACHINE\\SYSTEM\\ControlSet001\\" + kLong, true,
-                     (L"HKEY_LOCAL_MACHINE\\SYSTEM\\CurrentControlSet\\" + kLong).substr(0, kCchOut - 1)},
-        TranslateRow{"long user key is cut to the output", L"ControlSet001", L"HKEY_USERS\\<SID>\\" + kLong, true,
-                     (L"HKEY_CURRENT_USER\\" + kLong).substr(0, kCchOut - 1)}),
-    [](const ::testing::TestParamInfo<TranslateRow>& info) { return ParamName(info.param.name); });
-
-TEST(Translate, TracesTheSidOfTheActingProcess) {
-    CRegKeyTranslate t;
-    SetName(t, L"ControlSet001");
-    ScopedSink cap;
-    wchar_t out[kCchOut];
-    const std::wstring key = WithSid(L"HKEY_USERS\\<SID>\\Software");
-    EXPECT_TRUE(t.Translate(GetCurrentProcessId(), key.c_str(), out, sizeof(out)));
-    EXPECT_EQ(std::vector<std::wstring>{L"[kwRegAnalyze][INFO ][GetUserSidByPid] " + kwtest::CurrentUserSid()},
-              cap.Texts());
-}
+                     (L"HKEY_LOCAL_MACHINE\\SYSTEM\\CurrentControlSet\\" + kLong).substr(0, kCchOut - 1)}),
+    ::kwtest::ByRowName());
 
 TEST(Translate, MachineKeysNeedNoProcess) {
     CRegKeyTranslate t;
@@ -253,7 +210,7 @@ TEST(Translate, SmallOutputIsNotOverrun) {
 }
 
 // ---------------------------------------------------------------------------
-// Init reads the control set of the registry; other values in processes of their own.
+// Init reads the control set of the registry.
 
 TEST(RegKeyTranslateInit, TakesTheCurrentControlSetOfTheRegistry) {
     const std::wstring name = kwtest::ControlSetNameFromRegistry();
@@ -265,51 +222,6 @@ TEST(RegKeyTranslateInit, TakesTheCurrentControlSetOfTheRegistry) {
     const std::wstring key = L"HKEY_LOCAL_MACHINE\\SYSTEM\\" + name + L"\\Services\\x";
     EXPECT_TRUE(t.Translate(GetCurrentProcessId(), key.c_str(), out, sizeof(out)));
     EXPECT_EQ(std::wstring(L"HKEY_LOCAL_MACHINE\\SYSTEM\\CurrentControlSet\\Services\\x"), out);
-}
-
-void InitWithSelect(DWORD current, CRegKeyTranslate& t) {
-    kwtest::SelectRestorer select;
-    ASSERT_TRUE(select.Set(current));
-    EXPECT_TRUE(t.Init());
-}
-
-KW_CHILD_TEST(RegKeyTranslateProcess, ControlSetOne) {
-    CRegKeyTranslate t;
-    InitWithSelect(1, t);
-    EXPECT_STREQ(L"ControlSet001", t.m_szCurrentControlSet);
-    wchar_t out[kCchOut];
-    EXPECT_TRUE(t.Translate(GetCurrentProcessId(), L"HKEY_LOCAL_MACHINE\\SYSTEM\\ControlSet001\\Services\\x", out,
-                            sizeof(out)));
-    EXPECT_STREQ(L"HKEY_LOCAL_MACHINE\\SYSTEM\\CurrentControlSet\\Services\\x", out);
-}
-
-KW_CHILD_TEST(RegKeyTranslateProcess, ControlSetTen) {
-    CRegKeyTranslate t;
-    InitWithSelect(10, t);
-    EXPECT_STREQ(L"ControlSet0010", t.m_szCurrentControlSet);
-    wchar_t out[kCchOut];
-    EXPECT_TRUE(t.Translate(GetCurrentProcessId(), L"HKEY_LOCAL_MACHINE\\SYSTEM\\ControlSet0010\\Services\\x", out,
-                            sizeof(out)));
-    EXPECT_STREQ(L"HKEY_LOCAL_MACHINE\\SYSTEM\\CurrentControlSet\\Services\\x", out);
-    // The name is cached for the process: a second translator gets it without the registry.
-    CRegKeyTranslate second;
-    EXPECT_TRUE(second.Init());
-    EXPECT_STREQ(L"ControlSet0010", second.m_szCurrentControlSet);
-}
-
-KW_CHILD_TEST(RegKeyTranslateProcess, NoCurrentValue) {
-    CRegKeyTranslate t;
-    {
-        kwtest::SelectRestorer select;
-        ASSERT_TRUE(select.DeleteCurrent());
-        EXPECT_TRUE(t.Init());
-    }
-    EXPECT_STREQ(L"", t.m_szCurrentControlSet);
-    wchar_t out[kCchOut];
-    EXPECT_TRUE(t.Translate(GetCurrentProcessId(),
-                            L"HKEY_LOCAL_MACHINE\\SYSTEM\\ControlSet001\\Hardware Profiles\\0001\\System", out,
-                            sizeof(out)));
-    EXPECT_STREQ(L"HKEY_CURRENT_CONFIG\\System", out);
 }
 
 }  // namespace

@@ -64,7 +64,7 @@ struct CountRow {
 
 TEST(DSConf, CountIsReportedFromOne) {
     const CountRow rows[] = {
-        {"negative", -1, false, 0}, {"zero", 0, false, 0}, {"one", 1, true, 1}, {"many", 12, true, 12}};
+        {"negative", -1, false, 0}, {"zero", 0, false, 0}, {"one", 1, true, 1}};
     for (const CountRow& row : rows) {
         SCOPED_TRACE(row.name);
         CDSConf conf;
@@ -74,14 +74,6 @@ TEST(DSConf, CountIsReportedFromOne) {
         EXPECT_EQ(row.reported, count);
         EXPECT_EQ(row.result, conf.GetCount(nullptr));
     }
-}
-
-TEST(DSConf, InstanceIsOnePerProcess) {
-    CDSConf* first = CDSConf::Instance();
-    ASSERT_NE(nullptr, first);
-    EXPECT_EQ(first, CDSConf::Instance());
-    int count = 1;
-    EXPECT_FALSE(first->GetCount(&count));
 }
 
 // The first request races from many threads: all of them get the same object.
