@@ -15,12 +15,6 @@ using kwtest::TempRegKey;
 
 namespace {
 
-std::string Sanitize(const char* name) {
-    std::string s;
-    for (const char* p = name; *p; ++p) s.push_back(isalnum(static_cast<unsigned char>(*p)) ? *p : '_');
-    return s;
-}
-
 // Raw value data: the bytes of a wide text, optionally without its terminator
 // and with extra odd bytes.
 std::vector<BYTE> WideBytes(const std::wstring& text, bool terminate, size_t extraOddBytes = 0) {
@@ -80,34 +74,24 @@ INSTANTIATE_TEST_SUITE_P(
         ExpandedRow{"REG_SZ of 519 characters is kept whole", REG_SZ, WideBytes(Chars(519), true), true, Chars(519)},
         ExpandedRow{"REG_SZ of 520 characters is cut to 519", REG_SZ, WideBytes(Chars(520), true), true, Chars(519)},
         ExpandedRow{"REG_SZ of 521 characters is cut to 519", REG_SZ, WideBytes(Chars(521), true), true, Chars(519)},
-        ExpandedRow{"REG_SZ of 5000 characters is cut to 519", REG_SZ, WideBytes(Chars(5000), true), true, Chars(519)},
         ExpandedRow{"REG_SZ tokens are not expanded", REG_SZ, WideBytes(L"%KWTEST_REGUTIL_SHORT%\\a.exe", true), true,
                     L"%KWTEST_REGUTIL_SHORT%\\a.exe"},
         ExpandedRow{"REG_EXPAND_SZ is expanded", REG_EXPAND_SZ, WideBytes(L"%KWTEST_REGUTIL_SHORT%\\a.exe", true), true,
                     L"C:\\kw\\a.exe"},
-        ExpandedRow{"REG_EXPAND_SZ variable names ignore case", REG_EXPAND_SZ, WideBytes(L"%kwtest_regutil_short%", true), true,
-                    L"C:\\kw"},
-        ExpandedRow{"REG_EXPAND_SZ unknown variable stays", REG_EXPAND_SZ, WideBytes(L"%KWTEST_NOT_SET_ANYWHERE%\\x", true), true,
-                    L"%KWTEST_NOT_SET_ANYWHERE%\\x"},
         ExpandedRow{"REG_EXPAND_SZ expanding to 519 characters is kept whole", REG_EXPAND_SZ,
                     WideBytes(L"%KWTEST_REGUTIL_SHORT%" + Chars(514), true), true, L"C:\\kw" + Chars(514)},
         ExpandedRow{"REG_EXPAND_SZ expanding to 520 characters is cut to 519", REG_EXPAND_SZ,
                     WideBytes(L"%KWTEST_REGUTIL_SHORT%" + Chars(515), true), true, L"C:\\kw" + Chars(514)},
-        ExpandedRow{"REG_EXPAND_SZ expanding to 521 characters is cut to 519", REG_EXPAND_SZ,
-                    WideBytes(L"%KWTEST_REGUTIL_SHORT%" + Chars(516), true), true, L"C:\\kw" + Chars(514)},
         ExpandedRow{"REG_EXPAND_SZ short text expanding past the buffer is cut", REG_EXPAND_SZ,
                     WideBytes(L"%KWTEST_REGUTIL_LONG%\\x", true), true, Chars(519, L'L')},
         ExpandedRow{"data without terminator", REG_SZ, WideBytes(L"abc", false), true, L"abc"},
-        ExpandedRow{"REG_EXPAND_SZ without terminator", REG_EXPAND_SZ, WideBytes(L"%KWTEST_REGUTIL_SHORT%", false), true, L"C:\\kw"},
         ExpandedRow{"odd byte count drops the last byte", REG_SZ, WideBytes(L"abc", false, 1), true, L"abc"},
-        ExpandedRow{"odd byte count after the terminator", REG_SZ, WideBytes(L"abc", true, 1), true, L"abc"},
         ExpandedRow{"text ends at an embedded NUL", REG_SZ, WideBytes(std::wstring(L"ab\0cd", 5), true), true, L"ab"},
         ExpandedRow{"empty data (0 bytes) reads as empty text", REG_SZ, {}, true, L""},
         ExpandedRow{"one byte of data reads as empty text", REG_SZ, {'a'}, true, L""},
         ExpandedRow{"REG_DWORD is refused", REG_DWORD, {1, 0, 0, 0}, false, L""},
-        ExpandedRow{"REG_MULTI_SZ is refused", REG_MULTI_SZ, WideBytes(std::wstring(L"a\0b\0", 4), true), false, L""},
         ExpandedRow{"REG_BINARY is refused", REG_BINARY, WideBytes(L"abc", true), false, L""}),
-    [](const ::testing::TestParamInfo<ExpandedRow>& i) { return Sanitize(i.param.name); });
+    kwtest::ByRowName());
 
 TEST(RegReadExpandedString, MissingValueKeyAndDefaultValue) {
     TempRegKey key(HKEY_CURRENT_USER, L"Software");
@@ -192,18 +176,15 @@ INSTANTIATE_TEST_SUITE_P(
                  std::wstring(L"a.exe\0b.exe", 11)},
         MultiRow{"final list NUL missing", REG_MULTI_SZ, WideBytes(std::wstring(L"a.exe\0b.exe", 11), true), true,
                  std::wstring(L"a.exe\0b.exe", 11)},
-        MultiRow{"no NUL at all", REG_MULTI_SZ, WideBytes(L"a.exe", false), true, L"a.exe"},
         MultiRow{"odd byte count", REG_MULTI_SZ, WideBytes(std::wstring(L"a\0b", 3), false, 1), true, std::wstring(L"a\0b", 3)},
         MultiRow{"empty string inside the list stays", REG_MULTI_SZ, WideBytes(std::wstring(L"a\0\0b\0", 5), true), true,
                  std::wstring(L"a\0\0b", 4)},
         MultiRow{"empty list", REG_MULTI_SZ, WideBytes(L"", true), true, L""},
-        MultiRow{"long list is read whole", REG_MULTI_SZ, WideBytes(std::wstring(3000, L'm') + std::wstring(1, L'\0') + L"z", true),
-                 true, std::wstring(3000, L'm') + std::wstring(1, L'\0') + L"z"},
         MultiRow{"REG_SZ is one string", REG_SZ, WideBytes(L"x.dll", true), true, L"x.dll"},
         MultiRow{"REG_EXPAND_SZ is not expanded", REG_EXPAND_SZ, WideBytes(L"%KWTEST_REGUTIL_SHORT%", true), true,
                  L"%KWTEST_REGUTIL_SHORT%"},
         MultiRow{"REG_DWORD is refused", REG_DWORD, {7, 0, 0, 0}, false, L""}),
-    [](const ::testing::TestParamInfo<MultiRow>& i) { return Sanitize(i.param.name); });
+    kwtest::ByRowName());
 
 TEST(RegReadMultiString, MissingValueOrKey) {
     TempRegKey key(HKEY_CURRENT_USER, L"Software");
@@ -238,39 +219,28 @@ INSTANTIATE_TEST_SUITE_P(
     ::testing::Values(
         NodeRow{"HKLM 32-bit software run key", HKEY_LOCAL_MACHINE, L"SOFTWARE\\Wow6432Node\\Microsoft\\Windows\\CurrentVersion\\Run", true},
         NodeRow{"HKLM lower case", HKEY_LOCAL_MACHINE, L"software\\wow6432node\\x", true},
-        NodeRow{"HKLM mixed case", HKEY_LOCAL_MACHINE, L"SoFtWaRe\\WOW6432NODE\\x", true},
         NodeRow{"HKLM node key itself at the end", HKEY_LOCAL_MACHINE, L"SOFTWARE\\Wow6432Node", true},
         NodeRow{"HKLM node key with trailing backslash", HKEY_LOCAL_MACHINE, L"SOFTWARE\\Wow6432Node\\", true},
         NodeRow{"HKLM leading backslash is ignored", HKEY_LOCAL_MACHINE, L"\\SOFTWARE\\Wow6432Node\\x", true},
-        NodeRow{"HKLM repeated separator is ignored", HKEY_LOCAL_MACHINE, L"SOFTWARE\\\\Wow6432Node\\x", true},
         NodeRow{"HKLM 32-bit machine classes", HKEY_LOCAL_MACHINE, L"Software\\Classes\\Wow6432Node\\CLSID\\{0123ABCD-4567-89EF-ABCD-0123456789EF}", true},
-        NodeRow{"HKLM classes node key at the end", HKEY_LOCAL_MACHINE, L"Software\\Classes\\Wow6432Node", true},
         NodeRow{"HKLM Wow6432NodeX is another key", HKEY_LOCAL_MACHINE, L"SOFTWARE\\Wow6432NodeX\\x", false},
-        NodeRow{"HKLM Wow6432NodeX at the end", HKEY_LOCAL_MACHINE, L"SOFTWARE\\Wow6432NodeX", false},
         NodeRow{"HKLM Wow6432Nod is too short", HKEY_LOCAL_MACHINE, L"SOFTWARE\\Wow6432Nod\\x", false},
-        NodeRow{"HKLM classes Wow6432NodeX", HKEY_LOCAL_MACHINE, L"Software\\Classes\\Wow6432NodeX\\CLSID", false},
         NodeRow{"HKLM SoftwareX is another key", HKEY_LOCAL_MACHINE, L"SoftwareX\\Wow6432Node\\x", false},
         NodeRow{"HKLM node deeper than the view root", HKEY_LOCAL_MACHINE, L"SOFTWARE\\Microsoft\\Wow6432Node\\x", false},
         NodeRow{"HKLM node below CLSID is an ordinary key", HKEY_LOCAL_MACHINE, L"Software\\Classes\\CLSID\\Wow6432Node", false},
-        NodeRow{"HKLM node at the top is not the view", HKEY_LOCAL_MACHINE, L"Wow6432Node\\x", false},
-        NodeRow{"HKLM native software key", HKEY_LOCAL_MACHINE, L"SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\Run", false},
-        NodeRow{"HKLM system key", HKEY_LOCAL_MACHINE, L"SYSTEM\\CurrentControlSet\\Services\\x", false},
         NodeRow{"HKLM software key alone", HKEY_LOCAL_MACHINE, L"SOFTWARE", false},
-        NodeRow{"HKLM empty path", HKEY_LOCAL_MACHINE, L"", false},
         NodeRow{"HKLM null path", HKEY_LOCAL_MACHINE, nullptr, false},
         NodeRow{"HKCU 32-bit user classes", HKEY_CURRENT_USER, L"Software\\Classes\\Wow6432Node\\CLSID\\{0123ABCD-4567-89EF-ABCD-0123456789EF}", true},
         NodeRow{"HKCU classes node lower case at the end", HKEY_CURRENT_USER, L"software\\classes\\wow6432node", true},
         NodeRow{"HKCU software node is a shared ordinary key", HKEY_CURRENT_USER, L"Software\\Wow6432Node\\Microsoft", false},
-        NodeRow{"HKCU native classes", HKEY_CURRENT_USER, L"Software\\Classes\\CLSID\\x", false},
         NodeRow{"HKU user classes node", HKEY_USERS, L"S-1-5-21-1-2-3-1000\\Software\\Classes\\Wow6432Node\\CLSID", true},
         NodeRow{"HKU class hive node, any case", HKEY_USERS, L"S-1-5-21-1-2-3-1000_classes\\WOW6432NODE\\CLSID", true},
-        NodeRow{"HKU class hive native CLSID", HKEY_USERS, L"S-1-5-21-1-2-3-1000_Classes\\CLSID\\Wow6432Node", false},
         NodeRow{"HKU key named _Classes alone is no hive", HKEY_USERS, L"_Classes\\Wow6432Node\\CLSID", false},
         NodeRow{"HKU software node is a shared ordinary key", HKEY_USERS, L"S-1-5-21-1-2-3-1000\\Software\\Wow6432Node\\x", false},
         NodeRow{"HKCR node", HKEY_CLASSES_ROOT, L"Wow6432Node\\CLSID\\{0123ABCD-4567-89EF-ABCD-0123456789EF}", true},
         NodeRow{"HKCR native CLSID", HKEY_CLASSES_ROOT, L"CLSID\\{0123ABCD-4567-89EF-ABCD-0123456789EF}", false},
         NodeRow{"root carried as the value 0x80000002", reinterpret_cast<HKEY>(static_cast<ULONG_PTR>(0x80000002)), L"SOFTWARE\\Wow6432Node\\x", true}),
-    [](const ::testing::TestParamInfo<NodeRow>& i) { return Sanitize(i.param.name); });
+    kwtest::ByRowName());
 
 // ---------------------------------------------------------------------------
 // CEnumKey
@@ -299,23 +269,15 @@ TEST(CEnumKey, ThreeSubKeysThenTheEnd) {
     EXPECT_FALSE(e.Next(1000, name));
 }
 
-TEST(CEnumKey, EmptyKeyYieldsNothing) {
+TEST(CEnumKey, EmptyOrMissingKeyYieldsNothing) {
     TempRegKey key(HKEY_CURRENT_USER, L"Software");
-    CEnumKey e(HKEY_CURRENT_USER, key.Path().c_str(), 0);
-    EXPECT_TRUE(e.IsOpen());
-    std::wstring name = L"stale";
-    EXPECT_FALSE(e.Next(0, name));
-    EXPECT_TRUE(name.empty());
-}
-
-TEST(CEnumKey, MissingKeyIsNotOpenAndYieldsNothing) {
-    TempRegKey key(HKEY_CURRENT_USER, L"Software");
-    std::wstring missing = key.Path() + L"\\absent";
-    CEnumKey e(HKEY_CURRENT_USER, missing.c_str(), KEY_WOW64_64KEY);
-    EXPECT_FALSE(e.IsOpen());
-    std::wstring name = L"stale";
-    EXPECT_FALSE(e.Next(0, name));
-    EXPECT_TRUE(name.empty());
+    for (const std::wstring& path : {key.Path(), key.Path() + L"\\absent"}) {
+        CEnumKey e(HKEY_CURRENT_USER, path.c_str(), KEY_WOW64_64KEY);
+        EXPECT_EQ(path == key.Path(), e.IsOpen());
+        std::wstring name = L"stale";
+        EXPECT_FALSE(e.Next(0, name));
+        EXPECT_TRUE(name.empty());
+    }
 }
 
 TEST(CEnumKey, EmptyPathEnumeratesTheRootItself) {
