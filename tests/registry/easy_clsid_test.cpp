@@ -111,10 +111,6 @@ INSTANTIATE_TEST_SUITE_P(
                         {{kMachineDll, L"InprocServer32", kMachine}, {kMachineExe, L"LocalServer32", kMachine}}},
         RegistrationRow{"LocalServer32 only", nullptr, nullptr, nullptr, kMachineExe, false, true, true, 1, kMachine,
                         {{kMachineExe, L"LocalServer32", kMachine}}},
-        RegistrationRow{"user InprocServer32 and machine LocalServer32", kUserDll, nullptr, nullptr, kMachineExe, true, true, true,
-                        1, kMachine, {{kUserDll, L"InprocServer32", kUsers}, {kMachineExe, L"LocalServer32", kMachine}}},
-        RegistrationRow{"class keys without servers: found, no servers", nullptr, nullptr, nullptr, nullptr, true, true, true, 1,
-                        kMachine, {}},
         RegistrationRow{"user class key without servers: found under HKU", nullptr, nullptr, nullptr, nullptr, true, false, true,
                         1, kUsers, {}},
         RegistrationRow{"nothing registered: not found, root HKLM", nullptr, nullptr, nullptr, nullptr, false, false, true, 0,
@@ -212,35 +208,25 @@ struct InvalidTextRow {
     const wchar_t* expectedClsidBuffer;
 };
 
-void PrintTo(const InvalidTextRow& row, std::ostream* os) { *os << row.name; }
-
-class CEasyClsidInvalidTextTest : public ::testing::TestWithParam<InvalidTextRow> {};
-
-TEST_P(CEasyClsidInvalidTextTest, FindsNothing) {
-    const InvalidTextRow& r = GetParam();
-    CEasyClsid lookup(kwtest::CurrentUserSid().c_str(), r.text, TRUE);
-    EXPECT_EQ(0, lookup.Found());
-    EXPECT_EQ(0u, lookup.RootKey());
-    EXPECT_TRUE(lookup.Servers().empty());
-    EXPECT_EQ(std::wstring(r.expectedClsidBuffer), lookup.Clsid());
-    EXPECT_EQ(std::wstring(), lookup.m_szMachinePath);
-    EXPECT_EQ(std::wstring(), lookup.m_szUserPath);
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Rows, CEasyClsidInvalidTextTest,
-    ::testing::Values(
-        InvalidTextRow{"null text", nullptr, L""},
-        InvalidTextRow{"closing brace missing", L"{0123ABCD-4567-89EF-ABCD-0123456789EF", L"{0123ABCD-4567-89EF-ABCD-0123456789EF"},
-        InvalidTextRow{"early brace cuts the text short", L"{0123ABCD}-4567-89EF-ABCD-0123456789EF}", L"{0123ABCD}"},
-        InvalidTextRow{"not hex", L"{0123ABCD-4567-89EF-ABCD-0123456789EG}", L"{0123ABCD-4567-89EF-ABCD-0123456789EG}"}),
-    kwtest::ByRowName());
-
-TEST(CEasyClsidText, LongTextIsCutToTheBuffer) {
-    std::wstring text(400, L'x');
-    CEasyClsid lookup(nullptr, text.c_str(), FALSE);
-    EXPECT_EQ(std::wstring(259, L'x'), lookup.Clsid());
-    EXPECT_EQ(0, lookup.Found());
+TEST(CEasyClsidText, InvalidTextFindsNothing) {
+    const std::wstring x400(400, L'x'), x259(259, L'x');
+    const InvalidTextRow rows[] = {
+        {"null text", nullptr, L""},
+        {"closing brace missing", L"{0123ABCD-4567-89EF-ABCD-0123456789EF", L"{0123ABCD-4567-89EF-ABCD-0123456789EF"},
+        {"early brace cuts the text short", L"{0123ABCD}-4567-89EF-ABCD-0123456789EF}", L"{0123ABCD}"},
+        {"not hex", L"{0123ABCD-4567-89EF-ABCD-0123456789EG}", L"{0123ABCD-4567-89EF-ABCD-0123456789EG}"},
+        {"long text is cut to the buffer", x400.c_str(), x259.c_str()},
+    };
+    for (const InvalidTextRow& r : rows) {
+        SCOPED_TRACE(r.name);
+        CEasyClsid lookup(kwtest::CurrentUserSid().c_str(), r.text, TRUE);
+        EXPECT_EQ(0, lookup.Found());
+        EXPECT_EQ(0u, lookup.RootKey());
+        EXPECT_TRUE(lookup.Servers().empty());
+        EXPECT_EQ(std::wstring(r.expectedClsidBuffer), lookup.Clsid());
+        EXPECT_EQ(std::wstring(), lookup.m_szMachinePath);
+        EXPECT_EQ(std::wstring(), lookup.m_szUserPath);
+    }
 }
 
 // ---------------------------------------------------------------------------
