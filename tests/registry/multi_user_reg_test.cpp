@@ -240,24 +240,23 @@ TEST(ManagerThreads, ConcurrentFirstQuestions) {
 }
 
 // ---------------------------------------------------------------------------
-struct SidRow {
-    const char* name;
-    std::wstring text;
-    bool sid;
-};
-void PrintTo(const SidRow& r, std::ostream* os) { *os << r.name; }
-class SidText : public ::testing::TestWithParam<SidRow> {};
-TEST_P(SidText, Recognised) { EXPECT_EQ(GetParam().sid, kw_user::IsSidText(GetParam().text)); }
-INSTANTIATE_TEST_SUITE_P(
-    Rows, SidText,
-    ::testing::Values(SidRow{"user SID", L"S-1-5-21-1111-2222-3333-1001", true},
-                      SidRow{"lower-case s", L"s-1-5-18", true}, SidRow{"empty", L"", false},
-                      SidRow{"only S-", L"S-", false},
-                      SidRow{"classes key", L"S-1-5-21-1-2-3-1000_Classes", false},
-                      SidRow{"backslash", L"S-1-5\\x", false},
-                      SidRow{"184 characters", (L"S-" + std::wstring(182, L'1')).c_str(), true},
-                      SidRow{"185 characters", (L"S-" + std::wstring(183, L'1')).c_str(), false}),
-    kwtest::ByRowName());
+TEST(SidText, Recognised) {
+    const struct {
+        const char* name;
+        std::wstring text;
+        bool sid;
+    } rows[] = {
+        {"user SID", L"S-1-5-21-1111-2222-3333-1001", true},
+        {"lower-case s", L"s-1-5-18", true},
+        {"empty", L"", false},
+        {"only S-", L"S-", false},
+        {"classes key", L"S-1-5-21-1-2-3-1000_Classes", false},
+        {"backslash", L"S-1-5\\x", false},
+        {"184 characters", L"S-" + std::wstring(182, L'1'), true},
+        {"185 characters", L"S-" + std::wstring(183, L'1'), false},
+    };
+    for (const auto& r : rows) EXPECT_EQ(r.sid, kw_user::IsSidText(r.text)) << r.name;
+}
 
 TEST(ProfileImagePath, ExpandedWithoutTrailingSeparator) {
     SecondUserProfile user(SecondUserProfile::Hive::None);
