@@ -1,12 +1,9 @@
 #include "registry/clsid_string.h"
 
-#include "support/kit.h"
-
 #include <gtest/gtest.h>
 #include <windows.h>
 
 #include <cstring>
-#include <ostream>
 #include <string>
 
 using namespace kw;
@@ -19,39 +16,31 @@ struct ClsidTextRow {
     bool expected;
 };
 
-void PrintTo(const ClsidTextRow& row, std::ostream* os) { *os << row.name; }
 
-class IsClsidStringTest : public ::testing::TestWithParam<ClsidTextRow> {};
-
-TEST_P(IsClsidStringTest, AcceptsOnlyTheTemplate) {
-    const ClsidTextRow& r = GetParam();
-    EXPECT_EQ(r.expected, IsClsidString(r.text)) << r.name;
+TEST(IsClsidString, AcceptsOnlyTheTemplate) {
+    const ClsidTextRow rows[] = {
+        {"valid upper case", L"{0123ABCD-4567-89EF-ABCD-0123456789EF}", true},
+        {"valid lower case", L"{0123abcd-4567-89ef-abcd-0123456789ef}", true},
+        {"trailing text is not looked at", L"{0123ABCD-4567-89EF-ABCD-0123456789EF}xyz", true},
+        {"37 characters without closing brace", L"{0123ABCD-4567-89EF-ABCD-0123456789EF", false},
+        {"empty text", L"", false},
+        {"null text", nullptr, false},
+        {"braces missing (36 characters)", L"0123ABCD-4567-89EF-ABCD-0123456789EF", false},
+        {"opening brace replaced", L"(0123ABCD-4567-89EF-ABCD-0123456789EF}", false},
+        {"closing brace replaced", L"{0123ABCD-4567-89EF-ABCD-0123456789EF)", false},
+        {"first dash replaced", L"{0123ABCD_4567-89EF-ABCD-0123456789EF}", false},
+        {"last dash replaced", L"{0123ABCD-4567-89EF-ABCD_0123456789EF}", false},
+        {"G (above F) in the first group", L"{G123ABCD-4567-89EF-ABCD-0123456789EF}", false},
+        {"g (above f) in the second group", L"{0123ABCD-g567-89EF-ABCD-0123456789EF}", false},
+        {"colon (above 9) in the fourth group", L"{0123ABCD-4567-89EF-AB:D-0123456789EF}", false},
+        {"slash (below 0) in the last group", L"{0123ABCD-4567-89EF-ABCD-0123456789E/}", false},
+        {"at sign (below A) in the last group", L"{0123ABCD-4567-89EF-ABCD-@123456789EF}", false},
+        {"backquote (below a) in the last group", L"{0123ABCD-4567-89EF-ABCD-0123456789`F}", false},
+        {"dash where a hex digit belongs", L"{0123ABC--4567-89EF-ABCD-0123456789EF}", false},
+        {"hex digit where a dash belongs", L"{0123ABCDE4567-89EF-ABCD-0123456789EF}", false},
+    };
+    for (const ClsidTextRow& r : rows) EXPECT_EQ(r.expected, IsClsidString(r.text)) << r.name;
 }
-
-
-INSTANTIATE_TEST_SUITE_P(
-    Rows, IsClsidStringTest,
-    ::testing::Values(
-        ClsidTextRow{"valid upper case", L"{0123ABCD-4567-89EF-ABCD-0123456789EF}", true},
-        ClsidTextRow{"valid lower case", L"{0123abcd-4567-89ef-abcd-0123456789ef}", true},
-        ClsidTextRow{"trailing text is not looked at", L"{0123ABCD-4567-89EF-ABCD-0123456789EF}xyz", true},
-        ClsidTextRow{"37 characters without closing brace", L"{0123ABCD-4567-89EF-ABCD-0123456789EF", false},
-        ClsidTextRow{"empty text", L"", false},
-        ClsidTextRow{"null text", nullptr, false},
-        ClsidTextRow{"braces missing (36 characters)", L"0123ABCD-4567-89EF-ABCD-0123456789EF", false},
-        ClsidTextRow{"opening brace replaced", L"(0123ABCD-4567-89EF-ABCD-0123456789EF}", false},
-        ClsidTextRow{"closing brace replaced", L"{0123ABCD-4567-89EF-ABCD-0123456789EF)", false},
-        ClsidTextRow{"first dash replaced", L"{0123ABCD_4567-89EF-ABCD-0123456789EF}", false},
-        ClsidTextRow{"last dash replaced", L"{0123ABCD-4567-89EF-ABCD_0123456789EF}", false},
-        ClsidTextRow{"G (above F) in the first group", L"{G123ABCD-4567-89EF-ABCD-0123456789EF}", false},
-        ClsidTextRow{"g (above f) in the second group", L"{0123ABCD-g567-89EF-ABCD-0123456789EF}", false},
-        ClsidTextRow{"colon (above 9) in the fourth group", L"{0123ABCD-4567-89EF-AB:D-0123456789EF}", false},
-        ClsidTextRow{"slash (below 0) in the last group", L"{0123ABCD-4567-89EF-ABCD-0123456789E/}", false},
-        ClsidTextRow{"at sign (below A) in the last group", L"{0123ABCD-4567-89EF-ABCD-@123456789EF}", false},
-        ClsidTextRow{"backquote (below a) in the last group", L"{0123ABCD-4567-89EF-ABCD-0123456789`F}", false},
-        ClsidTextRow{"dash where a hex digit belongs", L"{0123ABC--4567-89EF-ABCD-0123456789EF}", false},
-        ClsidTextRow{"hex digit where a dash belongs", L"{0123ABCDE4567-89EF-ABCD-0123456789EF}", false}),
-    kwtest::ByRowName());
 
 // Texts that end just before an inaccessible page: reading one character too
 // many would fault. A short text must stop at its terminator, a complete one
