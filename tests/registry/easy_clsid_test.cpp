@@ -62,60 +62,54 @@ struct RegistrationRow {
     std::vector<Server> expected;
 };
 
-void PrintTo(const RegistrationRow& row, std::ostream* os) { *os << row.name; }
-
-class CEasyClsidRegistrationTest : public ::testing::TestWithParam<RegistrationRow> {};
-
-TEST_P(CEasyClsidRegistrationTest, FindsServersInOrder) {
-    const RegistrationRow& r = GetParam();
-    const std::wstring sid = kwtest::CurrentUserSid();
-    ASSERT_FALSE(sid.empty());
-    const std::wstring clsid = FreshClsid();
-
-    std::vector<std::unique_ptr<ClassRegistration>> regs;
-    auto add = [&](bool make, HKEY root, const std::wstring& path, const wchar_t* inproc, const wchar_t* local) {
-        if (!make) return;
-        regs.emplace_back(new ClassRegistration(root, path, KEY_WOW64_64KEY));
-        ASSERT_TRUE(regs.back()->Created());
-        for (const auto& server : {std::make_pair(L"InprocServer32", inproc), std::make_pair(L"LocalServer32", local)})
-            EXPECT_TRUE(!server.second || regs.back()->SetServer(server.first, server.second)) << server.first;
-    };
-    add(r.userClassKey, HKEY_USERS, UserClassPath(sid, clsid), r.userInproc, r.userLocal);
-    add(r.machineClassKey, HKEY_LOCAL_MACHINE, MachineClassPath(clsid), r.machineInproc, r.machineLocal);
-
-    CEasyClsid lookup(r.passSid ? sid.c_str() : nullptr, clsid.c_str(), FALSE);
-    EXPECT_EQ(r.expectedFound, lookup.Found());
-    EXPECT_EQ(r.expectedRoot, lookup.RootKey());
-    EXPECT_EQ(r.expected, ServersOf(lookup));
-    EXPECT_EQ(clsid, lookup.Clsid());
-}
-
 const wchar_t kUserDll[] = L"C:\\Users\\kw\\AppData\\user.dll";
 const wchar_t kUserExe[] = L"\"C:\\Users\\kw\\AppData\\user.exe\" /automation";
 const wchar_t kMachineDll[] = L"%SystemRoot%\\system32\\machine.dll";
 const wchar_t kMachineExe[] = L"C:\\Program Files\\kw\\machine.exe -Embedding";
 
-INSTANTIATE_TEST_SUITE_P(
-    Rows, CEasyClsidRegistrationTest,
-    ::testing::Values(
-        RegistrationRow{"per-user and per-machine: user servers first, root HKLM", kUserDll, kUserExe, kMachineDll, kMachineExe,
-                        true, true, true, 1, kMachine,
-                        {{kUserDll, L"InprocServer32", kUsers}, {kUserExe, L"LocalServer32", kUsers},
-                         {kMachineDll, L"InprocServer32", kMachine}, {kMachineExe, L"LocalServer32", kMachine}}},
-        RegistrationRow{"per-user only: root HKU", kUserDll, kUserExe, nullptr, nullptr, true, false, true, 1, kUsers,
-                        {{kUserDll, L"InprocServer32", kUsers}, {kUserExe, L"LocalServer32", kUsers}}},
-        RegistrationRow{"per-user only but no SID given: not found", kUserDll, kUserExe, nullptr, nullptr, true, false, false, 0,
-                        kMachine, {}},
-        RegistrationRow{"both but no SID given: machine servers only", kUserDll, kUserExe, kMachineDll, kMachineExe, true, true,
-                        false, 1, kMachine,
-                        {{kMachineDll, L"InprocServer32", kMachine}, {kMachineExe, L"LocalServer32", kMachine}}},
-        RegistrationRow{"LocalServer32 only", nullptr, nullptr, nullptr, kMachineExe, false, true, true, 1, kMachine,
-                        {{kMachineExe, L"LocalServer32", kMachine}}},
-        RegistrationRow{"user class key without servers: found under HKU", nullptr, nullptr, nullptr, nullptr, true, false, true,
-                        1, kUsers, {}},
-        RegistrationRow{"nothing registered: not found, root HKLM", nullptr, nullptr, nullptr, nullptr, false, false, true, 0,
-                        kMachine, {}}),
-    kwtest::ByRowName());
+TEST(CEasyClsidRegistration, FindsServersInOrder) {
+    const RegistrationRow rows[] = {
+        {"per-user and per-machine: user servers first, root HKLM", kUserDll, kUserExe, kMachineDll, kMachineExe,
+            true, true, true, 1, kMachine,
+            {{kUserDll, L"InprocServer32", kUsers}, {kUserExe, L"LocalServer32", kUsers},
+             {kMachineDll, L"InprocServer32", kMachine}, {kMachineExe, L"LocalServer32", kMachine}}},
+        {"per-user only: root HKU", kUserDll, kUserExe, nullptr, nullptr, true, false, true, 1, kUsers,
+            {{kUserDll, L"InprocServer32", kUsers}, {kUserExe, L"LocalServer32", kUsers}}},
+        {"per-user only but no SID given: not found", kUserDll, kUserExe, nullptr, nullptr, true, false, false, 0,
+            kMachine, {}},
+        {"both but no SID given: machine servers only", kUserDll, kUserExe, kMachineDll, kMachineExe, true, true,
+            false, 1, kMachine,
+            {{kMachineDll, L"InprocServer32", kMachine}, {kMachineExe, L"LocalServer32", kMachine}}},
+        {"LocalServer32 only", nullptr, nullptr, nullptr, kMachineExe, false, true, true, 1, kMachine,
+            {{kMachineExe, L"LocalServer32", kMachine}}},
+        {"user class key without servers: found under HKU", nullptr, nullptr, nullptr, nullptr, true, false, true,
+            1, kUsers, {}},
+        {"nothing registered: not found, root HKLM", nullptr, nullptr, nullptr, nullptr, false, false, true, 0,
+            kMachine, {}},
+    };
+    const std::wstring sid = kwtest::CurrentUserSid();
+    ASSERT_FALSE(sid.empty());
+    for (const RegistrationRow& r : rows) {
+        SCOPED_TRACE(r.name);
+        const std::wstring clsid = FreshClsid();
+        std::vector<std::unique_ptr<ClassRegistration>> regs;
+        auto add = [&](bool make, HKEY root, const std::wstring& path, const wchar_t* inproc, const wchar_t* local) {
+            if (!make) return;
+            regs.emplace_back(new ClassRegistration(root, path, KEY_WOW64_64KEY));
+            ASSERT_TRUE(regs.back()->Created());
+            for (const auto& server : {std::make_pair(L"InprocServer32", inproc), std::make_pair(L"LocalServer32", local)})
+                EXPECT_TRUE(!server.second || regs.back()->SetServer(server.first, server.second)) << server.first;
+        };
+        add(r.userClassKey, HKEY_USERS, UserClassPath(sid, clsid), r.userInproc, r.userLocal);
+        add(r.machineClassKey, HKEY_LOCAL_MACHINE, MachineClassPath(clsid), r.machineInproc, r.machineLocal);
+
+        CEasyClsid lookup(r.passSid ? sid.c_str() : nullptr, clsid.c_str(), FALSE);
+        EXPECT_EQ(r.expectedFound, lookup.Found());
+        EXPECT_EQ(r.expectedRoot, lookup.RootKey());
+        EXPECT_EQ(r.expected, ServersOf(lookup));
+        EXPECT_EQ(clsid, lookup.Clsid());
+    }
+}
 
 // ---------------------------------------------------------------------------
 // The server value as the registry holds it.
@@ -136,43 +130,34 @@ struct ValueRow {
     std::wstring expectedPath;
 };
 
-void PrintTo(const ValueRow& row, std::ostream* os) { *os << row.name; }
-
-class CEasyClsidValueTest : public ::testing::TestWithParam<ValueRow> {};
-
-TEST_P(CEasyClsidValueTest, ReadsTheDefaultValue) {
-    const ValueRow& r = GetParam();
-    const std::wstring clsid = FreshClsid();
-    ClassRegistration machine(HKEY_LOCAL_MACHINE, MachineClassPath(clsid), KEY_WOW64_64KEY);
-    ASSERT_TRUE(machine.Created());
-    if (r.setValue) {
-        ASSERT_TRUE(machine.SetServerRaw(L"InprocServer32", r.type, r.data));
-    } else {
-        ASSERT_TRUE(machine.CreateServerKey(L"InprocServer32"));
+TEST(CEasyClsidValue, ReadsTheDefaultValue) {
+    const ValueRow rows[] = {
+        {"terminated REG_SZ", true, REG_SZ, WideBytes(L"C:\\a.dll", true), true, L"C:\\a.dll"},
+        {"value without terminator", true, REG_SZ, WideBytes(L"C:\\a.dll", false), true, L"C:\\a.dll"},
+        {"odd size without terminator", true, REG_SZ, WideBytes(L"C:\\a.dll", false, 1), true, L"C:\\a.dll"},
+        {"REG_EXPAND_SZ is kept unexpanded", true, REG_EXPAND_SZ, WideBytes(L"%SystemRoot%\\a.dll", true), true,
+             L"%SystemRoot%\\a.dll"},
+        {"2047 characters fill the 4096-byte buffer", true, REG_SZ, WideBytes(std::wstring(2047, L'p'), true), true,
+             std::wstring(2047, L'p')},
+        {"2048 characters are cut to 2047", true, REG_SZ, WideBytes(std::wstring(2048, L'p'), true), true,
+             std::wstring(2047, L'p')},
+        {"REG_DWORD is not a server path", true, REG_DWORD, {1, 0, 0, 0}, false, L""},
+        {"server key without a default value adds nothing", false, REG_NONE, {}, false, L""},
+    };
+    for (const ValueRow& r : rows) {
+        SCOPED_TRACE(r.name);
+        const std::wstring clsid = FreshClsid();
+        ClassRegistration machine(HKEY_LOCAL_MACHINE, MachineClassPath(clsid), KEY_WOW64_64KEY);
+        ASSERT_TRUE(machine.Created());
+        ASSERT_TRUE(r.setValue ? machine.SetServerRaw(L"InprocServer32", r.type, r.data)
+                               : machine.CreateServerKey(L"InprocServer32"));
+        CEasyClsid lookup(nullptr, clsid.c_str(), FALSE);
+        EXPECT_EQ(1, lookup.Found());
+        std::vector<Server> expected;
+        if (r.expectedServer) expected.push_back(Server{r.expectedPath, L"InprocServer32", kMachine});
+        EXPECT_EQ(expected, ServersOf(lookup));
     }
-
-    CEasyClsid lookup(nullptr, clsid.c_str(), FALSE);
-    EXPECT_EQ(1, lookup.Found());
-    std::vector<Server> expected;
-    if (r.expectedServer) expected.push_back(Server{r.expectedPath, L"InprocServer32", kMachine});
-    EXPECT_EQ(expected, ServersOf(lookup));
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Rows, CEasyClsidValueTest,
-    ::testing::Values(
-        ValueRow{"terminated REG_SZ", true, REG_SZ, WideBytes(L"C:\\a.dll", true), true, L"C:\\a.dll"},
-        ValueRow{"value without terminator", true, REG_SZ, WideBytes(L"C:\\a.dll", false), true, L"C:\\a.dll"},
-        ValueRow{"odd size without terminator", true, REG_SZ, WideBytes(L"C:\\a.dll", false, 1), true, L"C:\\a.dll"},
-        ValueRow{"REG_EXPAND_SZ is kept unexpanded", true, REG_EXPAND_SZ, WideBytes(L"%SystemRoot%\\a.dll", true), true,
-                 L"%SystemRoot%\\a.dll"},
-        ValueRow{"2047 characters fill the 4096-byte buffer", true, REG_SZ, WideBytes(std::wstring(2047, L'p'), true), true,
-                 std::wstring(2047, L'p')},
-        ValueRow{"2048 characters are cut to 2047", true, REG_SZ, WideBytes(std::wstring(2048, L'p'), true), true,
-                 std::wstring(2047, L'p')},
-        ValueRow{"REG_DWORD is not a server path", true, REG_DWORD, {1, 0, 0, 0}, false, L""},
-        ValueRow{"server key without a default value adds nothing", false, REG_NONE, {}, false, L""}),
-    kwtest::ByRowName());
 
 // ---------------------------------------------------------------------------
 // The CLSID text as the caller passes it.
