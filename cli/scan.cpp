@@ -370,11 +370,9 @@ ScanStats Scanner::Run(const ScanOptions& options, void (*sink)(const Row&, void
     for (const ScanRule& rule : m_rules) WalkRule(rule, stats, sink, ctx);
     if (options.files) {
         for (const std::wstring& folder : StartupFolders()) ScanFolder(folder, stats, sink, ctx);
-        // Only the autorun file at each drive's root.
-        for (const std::wstring& drive : DriveRoots()) {
-            std::wstring inf = drive + L"\\autorun.inf";
-            if (GetFileAttributesW(inf.c_str()) != INVALID_FILE_ATTRIBUTES) ScanFile(inf, stats, sink, ctx);
-        }
+        // The files at each drive's root (not below it): its autorun file and
+        // any other ".inf" or ".lnk" there.
+        for (const std::wstring& drive : DriveRoots()) ScanFolder(drive, stats, sink, ctx);
     }
     return stats;
 }
