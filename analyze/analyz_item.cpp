@@ -195,7 +195,7 @@ bool CheckRecordKey(const ANALYZE_ITEM* pAnalizy, uint32_t hKey, const std::wstr
         KW_ERROR(function, "%s pAnalizy hRootkey not hKey.", name);
         return false;
     }
-    subkey->assign(pAnalizy->szSubkey, LenBounded(pAnalizy->szSubkey, kSubkeyChars));
+    *subkey = RecordSubkey(pAnalizy);
     if (!MatchRegPathPattern(*subkey, pattern)) {
         KW_ERROR(function, "%s pAnalizy szSubkey not invalid.", name);
         return false;
@@ -210,7 +210,7 @@ bool CheckValueName(const ANALYZE_ITEM* pAnalizy, const wchar_t* valueName, cons
                     const char* name) {
     if (!valueName) return true;
     const std::wstring wanted(valueName);
-    const std::wstring actual(pAnalizy->szValuename, LenBounded(pAnalizy->szValuename, kValueNameChars));
+    const std::wstring actual = RecordValueName(pAnalizy);
     if (!EqualsNoCase(wanted, actual) && !(IsDefaultValueName(wanted) && IsDefaultValueName(actual))) {
         KW_ERROR(function, "%s szValuename null.", name);
         return false;
