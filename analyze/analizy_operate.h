@@ -13,12 +13,14 @@
 #include "analyze/analysis_record.h"
 #include "analyze/result_entry.h"
 #include "common/handle.h"
+#include "registry/user_sid.h"
 #include "resolve/parse_command_line.h"
 #include "rules/reg_rule.h"
 
 #include <windows.h>
 
 #include <list>
+#include <memory>
 #include <set>
 #include <string>
 #include <vector>
@@ -180,11 +182,11 @@ protected:
     std::list<ResultEntry> m_results;
     const ANALYZE_ITEM* m_pCurrent = nullptr;  // the record being analysed
 
-    // The acting process's context, owned until AnalyzItem releases it (or
-    // this object's destructor, on the paths that return early).
-    unique_handle m_hProcess;
-    unique_handle m_hToken;
-    std::vector<BYTE> m_tokenUser;
+    // The acting process's user, held until AnalyzItem releases it (or this
+    // object's destructor, on the paths that return early); m_hToken is its
+    // token, or null when the process's user could not be read.
+    std::shared_ptr<const ProcessUser> m_user;
+    HANDLE m_hToken = nullptr;
     wchar_t m_szSid[MAX_PATH] = {0};
 
     CParseComandLine m_parser;

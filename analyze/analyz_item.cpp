@@ -45,7 +45,8 @@ void CAnalizyOperate::BeginRecord(ANALYZE_ITEM* pAnalizy) {
     ReleaseUserContext();
     m_szSid[0] = L'\0';
     m_pCurrent = pAnalizy;
-    GetUserSidByPid(pAnalizy->dwProcessId, &m_tokenUser, &m_hProcess, &m_hToken, m_szSid, 260 /* bytes */);
+    m_user = GetUserSidByPid(pAnalizy->dwProcessId, m_szSid, 260 /* bytes */);
+    m_hToken = m_user ? m_user->token.get() : nullptr;
 }
 
 void CAnalizyOperate::EndRecord() noexcept {
@@ -54,10 +55,8 @@ void CAnalizyOperate::EndRecord() noexcept {
 }
 
 void CAnalizyOperate::ReleaseUserContext() noexcept {
-    m_hToken.reset();
-    m_hProcess.reset();
-    m_tokenUser.clear();
-    m_tokenUser.shrink_to_fit();
+    m_hToken = nullptr;
+    m_user.reset();
 }
 
 namespace {
@@ -119,7 +118,7 @@ uint32_t CAnalizyOperate::AnalyzItem(ANALYZE_ITEM* pAnalizy, std::set<std::wstri
         // rules 76 and 77 keep their unexpanded text on purpose.
         if (pAnalizy->dwOperate == REGMONMODE_OPERATE_MODIFYVALUE &&
             pAnalizy->dwValueType == REG_EXPAND_SZ && pAnalizy->dsid != 76 && pAnalizy->dsid != 77) {
-            ExpandPath(reinterpret_cast<wchar_t*>(pAnalizy->data), 1022, m_hToken.get(), m_szSid,
+            ExpandPath(reinterpret_cast<wchar_t*>(pAnalizy->data), 1022, m_hToken, m_szSid,
                        bWow64Expand);
         }
 

@@ -52,7 +52,7 @@ uint32_t CAnalizyOperate::AnalyzKnownDlls(const ANALYZE_ITEM* pAnalizy, const st
     CopyBounded(dirBuf, kDllDirectoryCch, raw.c_str(), raw.size());
     StrTrimW(dirBuf, L" \t\r\n");
     std::wstring directory;
-    ExpandPathString(dirBuf, directory, m_hToken.get(), m_szSid, bWow64Expand);
+    ExpandPathString(dirBuf, directory, m_hToken, m_szSid, bWow64Expand);
     if (directory.empty()) directory = dirBuf;
 
     // 5.

@@ -22,12 +22,12 @@ void CAnalizyOperate::ParseShortcutTarget(const std::wstring& target, const std:
     const uint32_t dsid = m_pCurrent ? m_pCurrent->dsid : 0;
     if (!folder.empty()) m_parser.SetOverridePath(folder);
     m_parser.SetWow64Parse(bWow64Parse == 1 ? TRUE : FALSE);
-    m_parser.Parse(cmd, m_hToken.get(), m_szSid, bWow64Expand, files, dsid);
+    m_parser.Parse(cmd, m_hToken, m_szSid, bWow64Expand, files, dsid);
     if (files.empty()) {
         std::wstring expanded;
-        ExpandPathString(cmd, expanded, m_hToken.get(), m_szSid, bWow64Expand);
+        ExpandPathString(cmd, expanded, m_hToken, m_szSid, bWow64Expand);
         if (!expanded.empty() && expanded != cmd)
-            m_parser.Parse(expanded, m_hToken.get(), m_szSid, bWow64Expand, files, dsid);
+            m_parser.Parse(expanded, m_hToken, m_szSid, bWow64Expand, files, dsid);
     }
     m_parser.ClearOverridePath();
 }
@@ -91,7 +91,7 @@ uint32_t CAnalizyOperate::AnalyzLinkFiles(const ANALYZE_ITEM* pAnalizy, const st
         e->sourcePath = path;
         std::list<std::wstring> files;
         m_parser.SetWow64Parse(bWow64Parse == 1 ? TRUE : FALSE);
-        m_parser.Parse(QuotePath(more, !keepUnparsed), m_hToken.get(), m_szSid, bWow64Expand, files,
+        m_parser.Parse(QuotePath(more, !keepUnparsed), m_hToken, m_szSid, bWow64Expand, files,
                        pAnalizy->dsid);
         if (files.empty() && !keepUnparsed) continue;  // the entry is discarded
         e->filePath = files.empty() ? more : files.front();

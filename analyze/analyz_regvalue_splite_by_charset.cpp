@@ -27,7 +27,7 @@ uint32_t CAnalizyOperate::AnalyzRegvalueSpliteAsFilePathByCharset(const ANALYZE_
         if (oldType == REG_EXPAND_SZ && pAnalizy->dsid != 76 && pAnalizy->dsid != 77) {
             wchar_t buf[511] = {0};
             CopyBounded(buf, 511, oldData.c_str());
-            ExpandPath(buf, sizeof(buf), m_hToken.get(), m_szSid, bWow64Expand);
+            ExpandPath(buf, sizeof(buf), m_hToken, m_szSid, bWow64Expand);
             oldData = buf;
         } else if (oldType != REG_SZ && oldType != REG_EXPAND_SZ) {
             oldData.clear();

@@ -122,7 +122,7 @@ uint32_t CAnalizyOperate::AnalyzServiceFilePath(const ANALYZE_ITEM* pAnalizy, in
     // is tested in its expanded form, the text keeps its tokens.
     if (pAnalizy->dsid == 76 && EqualsNoCase(valueName, L"ServiceDll") && !commandLine.empty()) {
         std::wstring expanded;
-        ExpandPathString(commandLine, expanded, m_hToken.get(), m_szSid, bWow64Expand);
+        ExpandPathString(commandLine, expanded, m_hToken, m_szSid, bWow64Expand);
         if (expanded.empty()) expanded = commandLine;
         wchar_t folder[MAX_PATH];
         CopyBounded(folder, MAX_PATH, expanded.c_str());

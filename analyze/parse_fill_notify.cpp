@@ -20,7 +20,7 @@ uint32_t CAnalizyOperate::ParseFillNotify(const std::wstring& commandLine, Resul
 
     // 1. Expanded for the record's user and view.
     std::wstring text;
-    ExpandPathString(commandLine, text, m_hToken.get(), m_szSid, bWow64Expand);
+    ExpandPathString(commandLine, text, m_hToken, m_szSid, bWow64Expand);
     if (text.empty()) text = commandLine;
 
     // 2. The parser resolves in the 32-bit file-system view only for
@@ -36,15 +36,15 @@ uint32_t CAnalizyOperate::ParseFillNotify(const std::wstring& commandLine, Resul
     // 4. The script-host step: a script or document is replaced by the
     // command of its shell verb, whose files are added to those found.
     std::list<std::wstring> files;
-    m_parser.Parse(text, m_hToken.get(), m_szSid, bWow64Expand, files, dsid);
+    m_parser.Parse(text, m_hToken, m_szSid, bWow64Expand, files, dsid);
     if (scriptStep) {
         std::wstring scriptCmd = text;
         CScriptHostRuleParser script;
         script.SetWow64Parse(bWow64Parse == 1 ? TRUE : FALSE);
-        if (script.ExpandNoPECmdLine(scriptCmd, m_szSid, m_hToken.get(), bWow64Expand, dsid) != 0 &&
+        if (script.ExpandNoPECmdLine(scriptCmd, m_szSid, m_hToken, bWow64Expand, dsid) != 0 &&
             scriptCmd != text) {
             std::list<std::wstring> more;
-            m_parser.Parse(scriptCmd, m_hToken.get(), m_szSid, bWow64Expand, more, dsid);
+            m_parser.Parse(scriptCmd, m_hToken, m_szSid, bWow64Expand, more, dsid);
             for (const auto& f : more) {
                 bool known = false;
                 for (const auto& g : files)

@@ -198,9 +198,9 @@ int CountCalls(PluginHost& host, std::vector<Kind>& kinds, bool verbose) {
         std::wstring mark = L"kwbench-mark-" + std::to_wstring(k);
         host.Engine().ClearLines();
         host.Engine().SetRecording(verbose);
-        CloseHandle(OpenEventW(SYNCHRONIZE, FALSE, (mark + L"-begin").c_str()));
+        if (HANDLE h = OpenEventW(SYNCHRONIZE, FALSE, (mark + L"-begin").c_str())) CloseHandle(h);
         PostOne(host, kinds[k]);
-        CloseHandle(OpenEventW(SYNCHRONIZE, FALSE, (mark + L"-end").c_str()));
+        if (HANDLE h = OpenEventW(SYNCHRONIZE, FALSE, (mark + L"-end").c_str())) CloseHandle(h);
         host.Engine().SetRecording(false);
         for (const TraceLine& l : host.Engine().Lines()) printf("    | %ls\n", l.text.c_str());
     }

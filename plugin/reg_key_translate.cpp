@@ -111,7 +111,7 @@ bool CRegKeyTranslate::Translate(DWORD processId, const wchar_t* key, wchar_t* o
         }
 
         wchar_t sid[kCchSid] = {0};
-        GetUserSidByPid(processId, nullptr, nullptr, nullptr, sid, sizeof(sid));
+        GetUserSidByPid(processId, sid, sizeof(sid));
         if (sid[0]) {
             const std::wstring classes = std::wstring(sid) + kClassesSuffix;
             const size_t pos = FindNoCase(k, classes);

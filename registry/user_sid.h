@@ -4,17 +4,35 @@
 
 #include <windows.h>
 
-#include <vector>
+#include <memory>
+#include <string>
 
 namespace kw {
 
-// Opens the process (0x410) and its token (TOKEN_QUERY), reads the token's
-// user and converts the SID to text into sidText (cut to sidTextLimit bytes,
-// i.e. at most sidTextLimit/2 - 1 characters). Handles and the token-user
-// buffer are handed back to the caller, who owns them. Traces the SID text.
-// On any failure sidText is left empty; what was opened so far is still
-// handed back.
-void GetUserSidByPid(DWORD processId, std::vector<BYTE>* tokenUserOut, unique_handle* processOut,
-                     unique_handle* tokenOut, wchar_t* sidText, size_t sidTextLimit);
+// What an analysis needs of the acting process: its handle (0x410), its token
+// (TOKEN_QUERY) and the SID text of the token's user. Shared by every holder;
+// the handles stay open until the last holder lets go.
+struct ProcessUser {
+    unique_handle process;
+    unique_handle token;
+    std::wstring sid;
+};
+
+// The user of a process, from a small cache keyed by process id. An entry
+// holds its process handle open, so the id cannot name another process while
+// the entry lives; entries of processes that have ended are dropped by a
+// sweep at most once a second, and the oldest entry makes room when the cache
+// is full. Null when the process, its token or its user cannot be read (not
+// cached: the next event asks again). No lock is held across a system call.
+std::shared_ptr<const ProcessUser> LookUpProcessUser(DWORD processId);
+
+// LookUpProcessUser, with the SID text copied into sidText (cut to
+// sidTextLimit bytes, i.e. at most sidTextLimit/2 - 1 characters) and traced.
+// On any failure sidText is left empty and null is returned.
+std::shared_ptr<const ProcessUser> GetUserSidByPid(DWORD processId, wchar_t* sidText, size_t sidTextLimit);
+
+// Drops the entries whose process has ended (what the periodic sweep does);
+// returns how many entries remain.
+size_t SweepProcessUsers();
 
 }  // namespace kw

@@ -1,5 +1,5 @@
-// The SID text of a process's user: the real SID of this process and of a
-// child, the byte limit of the text, and refusals that leave it empty.
+// The SID text of a process's user: the byte limit of the text, refusals that
+// leave it empty, and the cache that answers every later event of a process.
 #include "registry/user_sid.h"
 
 #include "support/fixtures.h"
@@ -17,26 +17,11 @@ namespace {
 
 constexpr wchar_t kGuard = L'#';
 
-TEST(GetUserSidByPid, OwnProcessGivesTheTokenUserAndTracesIt) {
-    const std::wstring expected = kwtest::CurrentUserSid();
-    ASSERT_FALSE(expected.empty());
-    ScopedSink cap;
-    std::vector<BYTE> tokenUser;
-    unique_handle process, token;
-    wchar_t sid[MAX_PATH];
-    wmemset(sid, kGuard, MAX_PATH);
-    GetUserSidByPid(GetCurrentProcessId(), &tokenUser, &process, &token, sid, 260);
-    EXPECT_EQ(expected, sid);
-    EXPECT_TRUE(process.valid());
-    EXPECT_TRUE(token.valid());
-    EXPECT_GE(tokenUser.size(), sizeof(TOKEN_USER));
-    EXPECT_EQ(std::vector<std::wstring>{L"[kwRegAnalyze][INFO ][GetUserSidByPid] " + expected}, cap.Texts());
-}
-
-// The limit counts bytes and keeps room for the terminator; the outputs
-// other than the text may be omitted.
-TEST(GetUserSidByPid, TextIsCutToTheByteLimit) {
+// The limit counts bytes and keeps room for the terminator; the line traced
+// is the text as cut.
+TEST(GetUserSidByPid, TextIsCutToTheByteLimitAndTraced) {
     const std::wstring full = kwtest::CurrentUserSid();
+    ASSERT_FALSE(full.empty());
     const size_t n = full.size();
     struct Row {
         const char* name;
@@ -55,52 +40,80 @@ TEST(GetUserSidByPid, TextIsCutToTheByteLimit) {
         ScopedSink cap;
         wchar_t sid[MAX_PATH];
         wmemset(sid, kGuard, MAX_PATH);
-        GetUserSidByPid(GetCurrentProcessId(), nullptr, nullptr, nullptr, sid, row.limit);
+        auto user = GetUserSidByPid(GetCurrentProcessId(), sid, row.limit);
+        ASSERT_TRUE(user && user->token.valid());
+        EXPECT_EQ(full, user->sid);
         EXPECT_EQ(row.expected, sid);
         EXPECT_EQ(kGuard, sid[row.limit / 2]) << "wrote past the limit";
         EXPECT_EQ(std::vector<std::wstring>{L"[kwRegAnalyze][INFO ][GetUserSidByPid] " + row.expected}, cap.Texts());
     }
 }
 
-TEST(GetUserSidByPid, LimitBelowOneCharacterWritesNothing) {
-    for (size_t limit : {0u, 1u}) {
-        SCOPED_TRACE(limit);
+TEST(GetUserSidByPid, NothingWrittenOrTracedWithoutRoomOrProcess) {
+    const struct {
+        DWORD pid;
+        size_t limit;
+        wchar_t first;
+    } rows[] = {{GetCurrentProcessId(), 0, kGuard}, {GetCurrentProcessId(), 1, kGuard}, {0, 260, L'\0'},
+                {0xFFFFFFF0, 260, L'\0'}};
+    for (const auto& row : rows) {
+        SCOPED_TRACE(testing::Message() << row.pid << " limit " << row.limit);
         ScopedSink cap;
         wchar_t sid[4];
         wmemset(sid, kGuard, 4);
-        unique_handle process;
-        GetUserSidByPid(GetCurrentProcessId(), nullptr, &process, nullptr, sid, limit);
-        EXPECT_EQ(kGuard, sid[0]);
-        EXPECT_TRUE(process.valid()) << "the process is still opened";
+        auto user = GetUserSidByPid(row.pid, sid, row.limit);
+        EXPECT_EQ(row.pid != 0 && row.pid != 0xFFFFFFF0, user != nullptr);
+        EXPECT_EQ(row.first, sid[0]);
         EXPECT_TRUE(cap.Texts().empty());
     }
 }
 
-TEST(GetUserSidByPid, ProcessThatCannotBeOpenedLeavesTheTextEmpty) {
-    for (DWORD pid : {DWORD(0), DWORD(0xFFFFFFF0)}) {
-        SCOPED_TRACE(pid);
-        ScopedSink cap;
-        wchar_t sid[MAX_PATH];
-        wmemset(sid, kGuard, MAX_PATH);
-        unique_handle process, token;
-        std::vector<BYTE> tokenUser;
-        GetUserSidByPid(pid, &tokenUser, &process, &token, sid, 260);
-        EXPECT_EQ(L'\0', sid[0]);
-        EXPECT_FALSE(process.valid());
-        EXPECT_FALSE(token.valid());
-        EXPECT_TRUE(tokenUser.empty());
-        EXPECT_TRUE(cap.Texts().empty());
+// A process of this program, started suspended: alive until terminated.
+struct Suspended {
+    PROCESS_INFORMATION pi{};
+    Suspended() {
+        wchar_t exe[MAX_PATH] = {0};
+        GetModuleFileNameW(nullptr, exe, MAX_PATH);
+        STARTUPINFOW si{};
+        si.cb = sizeof(si);
+        std::wstring cmd = L"\"" + std::wstring(exe) + L"\" --gtest_list_tests";
+        CreateProcessW(exe, &cmd[0], nullptr, nullptr, FALSE, CREATE_SUSPENDED, nullptr, nullptr, &si, &pi);
+        if (pi.hThread) CloseHandle(pi.hThread);
     }
+    void End() {
+        if (!pi.hProcess) return;
+        TerminateProcess(pi.hProcess, 1);
+        WaitForSingleObject(pi.hProcess, 10000);
+        CloseHandle(pi.hProcess);
+        pi.hProcess = nullptr;
+    }
+    ~Suspended() { End(); }
+};
+
+TEST(ProcessUserCache, AnswersAgainUntilTheProcessEndsAndASweepDropsIt) {
+    Suspended child;
+    ASSERT_TRUE(child.pi.hProcess);
+    auto first = LookUpProcessUser(child.pi.dwProcessId);
+    ASSERT_TRUE(first);
+    EXPECT_EQ(kwtest::CurrentUserSid(), first->sid);
+    EXPECT_EQ(first, LookUpProcessUser(child.pi.dwProcessId)) << "the second event reads nothing again";
+    const size_t held = SweepProcessUsers();
+    child.End();
+    EXPECT_EQ(held - 1, SweepProcessUsers()) << "the ended process is dropped";
+    DWORD code = 0;
+    EXPECT_TRUE(GetExitCodeProcess(first->process.get(), &code) && code == 1) << "a holder keeps its handles";
 }
 
-// Handles the caller held before are replaced, not leaked or kept.
-TEST(GetUserSidByPid, PreviousHandlesAreReplaced) {
-    unique_handle process(CreateEventW(nullptr, TRUE, FALSE, nullptr));
-    HANDLE before = process.get();
-    wchar_t sid[MAX_PATH] = {0};
-    GetUserSidByPid(GetCurrentProcessId(), nullptr, &process, nullptr, sid, sizeof(sid));
-    EXPECT_NE(before, process.get());
-    EXPECT_EQ(WAIT_FAILED, WaitForSingleObject(before, 0)) << "the old handle was closed";
+TEST(ProcessUserCache, HoldsAtMostThirtyTwoProcesses) {
+    std::vector<std::unique_ptr<Suspended>> children;
+    for (int i = 0; i < 34; ++i) {
+        children.emplace_back(new Suspended);
+        ASSERT_TRUE(LookUpProcessUser(children.back()->pi.dwProcessId));
+    }
+    EXPECT_EQ(32u, SweepProcessUsers());
+    children.clear();
+    ASSERT_TRUE(LookUpProcessUser(GetCurrentProcessId()));
+    EXPECT_EQ(1u, SweepProcessUsers()) << "the ended ones are dropped";
 }
 
 }  // namespace
