@@ -12,6 +12,8 @@
 #include "resolve/wow64.h"
 #include "rules/config_rule_parse.h"
 
+#include <algorithm>
+
 namespace kw {
 
 CAnalizyOperate::CAnalizyOperate() noexcept = default;
@@ -95,11 +97,15 @@ uint32_t CAnalizyOperate::AnalyzItem(ANALYZE_ITEM* pAnalizy, std::set<std::wstri
         // 4. The record's trace line starts here; it is written once, at the end.
         pAnalizy->szSubkey[kSubkeyChars - 1] = L'\0';
         pAnalizy->szValuename[kValueNameChars - 1] = L'\0';
-        std::wstring trace = FormatW(" [regscan] ||dsid:%lu||op:%s||regpath:%ls%ls\\[%ls]||filepath:",
-                                     static_cast<unsigned long>(pAnalizy->dsid),
-                                     OperateTraceWord(pAnalizy->dwOperate),
-                                     RootKeyTracePrefix(pAnalizy->hRootkey), pAnalizy->szSubkey,
-                                     pAnalizy->szValuename);
+        // Room for both terminated fields and the fixed words: never cut.
+        wchar_t head[kSubkeyChars + kValueNameChars + 128];
+        FormatBounded(head, sizeof(head) / sizeof(head[0]),
+                      " [regscan] ||dsid:%lu||op:%s||regpath:%ls%ls\\[%ls]||filepath:",
+                      static_cast<unsigned long>(pAnalizy->dsid), OperateTraceWord(pAnalizy->dwOperate),
+                      RootKeyTracePrefix(pAnalizy->hRootkey), pAnalizy->szSubkey, pAnalizy->szValuename);
+        std::wstring trace;
+        trace.reserve(wcslen(head) + 2 * MAX_PATH);
+        trace = head;
 
         // 5. A Wow6432Node key on a 64-bit system: 32-bit registry and file views.
         if (GetWow64Helper()->m_bIsWow64) {
@@ -144,8 +150,10 @@ uint32_t CAnalizyOperate::AnalyzItem(ANALYZE_ITEM* pAnalizy, std::set<std::wstri
         }
 
         // 12. '%' would be read as a format by log readers: written as '$'.
-        trace += FormatW("||ret:%lu", static_cast<unsigned long>(ret));
-        ReplaceAll(trace, L"%", L"$");
+        wchar_t tail[32];
+        FormatBounded(tail, 32, "||ret:%lu", static_cast<unsigned long>(ret));
+        trace += tail;
+        std::replace(trace.begin(), trace.end(), L'%', L'$');
         TraceText(TRACE_INFO, "CAnalizyOperate::AnalyzItem", trace);
         FileLogIfOpen("AnalizyOperate", "CAnalizyOperate::AnalyzItem", 1918, "%ls", trace.c_str());
 

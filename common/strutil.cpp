@@ -37,14 +37,31 @@ std::wstring WidenFormat(const char* fmt) {
 
 }  // namespace
 
+bool WidenAscii(wchar_t* dst, size_t cch, const char* text, size_t* written) noexcept {
+    if (!dst || !text) return false;
+    size_t i = 0;
+    for (; text[i]; ++i) {
+        if (i + 1 >= cch || static_cast<unsigned char>(text[i]) >= 0x80) return false;
+        dst[i] = static_cast<wchar_t>(text[i]);
+    }
+    if (cch == 0) return false;
+    dst[i] = L'\0';
+    if (written) *written = i;
+    return true;
+}
+
 bool FormatBoundedV(wchar_t* dst, size_t cchDst, const char* fmt, va_list ap) noexcept {
     if (!dst || cchDst == 0) return false;
     dst[0] = L'\0';
     try {
-        std::wstring wfmt = WidenFormat(fmt);
+        // An ASCII format (the common case) is widened on the stack.
+        wchar_t stackFmt[256];
+        std::wstring heapFmt;
+        const wchar_t* wfmt = stackFmt;
+        if (!WidenAscii(stackFmt, 256, fmt, nullptr)) wfmt = (heapFmt = WidenFormat(fmt)).c_str();
         va_list cp;
         va_copy(cp, ap);
-        int n = __mingw_vsnwprintf(dst, cchDst, wfmt.c_str(), cp);
+        int n = __mingw_vsnwprintf(dst, cchDst, wfmt, cp);
         va_end(cp);
         dst[cchDst - 1] = L'\0';
         return n >= 0 && static_cast<size_t>(n) < cchDst;

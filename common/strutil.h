@@ -21,6 +21,10 @@ size_t CopyBounded(wchar_t* dst, size_t cchDst, const wchar_t* src,
 // Length of s, but never more than cchMax (for buffers that may lack a NUL).
 size_t LenBounded(const wchar_t* s, size_t cchMax) noexcept;
 
+// Widens ASCII text into dst (cch characters with the terminator) without
+// allocating; false for non-ASCII text or text that does not fit.
+bool WidenAscii(wchar_t* dst, size_t cch, const char* text, size_t* written) noexcept;
+
 // Formats into a fixed buffer, cutting at cchDst-1 characters. The format is
 // narrow and checked by the compiler: wide arguments use %ls, narrow ones %s.
 // Returns false when the text was cut or the format failed (dst still holds
