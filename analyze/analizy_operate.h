@@ -190,6 +190,7 @@ protected:
     wchar_t m_szSid[MAX_PATH] = {0};
 
     CParseComandLine m_parser;
+    FileTestMemo m_fileTests;  // of the record being analysed, shared by its parses
 };
 
 // The wide text held in a record's data field (at most 512 characters; the

@@ -47,6 +47,8 @@ void CAnalizyOperate::BeginRecord(ANALYZE_ITEM* pAnalizy) {
     ReleaseUserContext();
     m_szSid[0] = L'\0';
     m_pCurrent = pAnalizy;
+    m_fileTests.Clear();
+    m_parser.SetFileTests(&m_fileTests);
     m_user = GetUserSidByPid(pAnalizy->dwProcessId, m_szSid, 260 /* bytes */);
     m_hToken = m_user ? m_user->token.get() : nullptr;
 }

@@ -41,6 +41,7 @@ uint32_t CAnalizyOperate::ParseFillNotify(const std::wstring& commandLine, Resul
         std::wstring scriptCmd = text;
         CScriptHostRuleParser script;
         script.SetWow64Parse(bWow64Parse == 1 ? TRUE : FALSE);
+        script.SetFileTests(&m_fileTests);
         if (script.ExpandNoPECmdLine(scriptCmd, m_szSid, m_hToken, bWow64Expand, dsid) != 0 &&
             scriptCmd != text) {
             std::list<std::wstring> more;

@@ -169,7 +169,7 @@ int CParseComandLine::Parse(const std::wstring& commandLine, HANDLE hToken, cons
         m_bareSearchBudget = kBareSearchBudget;
         m_bareResults.clear();
         m_joinBudget = kJoinBudget;
-        m_fileTests.clear();
+        m_ownFileTests.Clear();
         GetWow64Helper();  // initialised before any redirection pause
 
         std::wstring text = commandLine;
@@ -177,6 +177,7 @@ int CParseComandLine::Parse(const std::wstring& commandLine, HANDLE hToken, cons
 
         CScriptHostRuleParser script;
         script.SetWow64Parse(m_bWow64Parse);
+        script.SetFileTests(&FileTests());
         script.ExpandNoPECmdLine(text, m_sid.c_str(), hToken, bWow64Expand, ruleId);
 
         std::wstring expanded;
@@ -610,14 +611,9 @@ bool CParseComandLine::TryWithExtensions(const std::wstring& path, bool hasExten
 }
 
 bool CParseComandLine::IsFileOnce(const std::wstring& path) {
-    // A word is tried alone, in runs and along the search path: each file is
-    // asked for once per parse.
-    const std::wstring key = ToUpper(path);
-    auto known = m_fileTests.find(key);
-    if (known != m_fileTests.end()) return known->second;
-    const bool ok = IsFileInView(path, View32() ? TRUE : FALSE);
-    m_fileTests.emplace(key, ok);
-    return ok;
+    // A word is tried alone, in runs and along the search path, and by the
+    // script-host step: each file is asked for once per analysis.
+    return FileTests().IsFile(path, View32() ? TRUE : FALSE);
 }
 
 const std::vector<std::wstring>& CParseComandLine::ExtensionsToTry() {

@@ -11,6 +11,8 @@
 // "CParseComandLine::Parse", "CParseComandLine::_Parse",
 // "CParseComandLine::MyParse" and "CParseComandLine::MySearchPath".
 #pragma once
+#include "resolve/parse_file_view.h"
+
 #include <windows.h>
 
 #include <list>
@@ -31,6 +33,9 @@ public:
               BOOL bWow64Expand, std::list<std::wstring>& files, DWORD ruleId = 0);
 
     // The folder searched first for relative names, for one call (empty: none).
+    // File tests shared by every parse (and script-host step) of one analysis;
+    // without one, each Parse starts with no file known.
+    void SetFileTests(FileTestMemo* memo) { m_sharedFileTests = memo; }
     void SetOverridePath(const std::wstring& folder) { m_overridePath = folder; }
     void ClearOverridePath() { m_overridePath.clear(); }
     void SetWow64Parse(BOOL v) { m_bWow64Parse = v; }
@@ -77,7 +82,9 @@ private:
     std::wstring m_lastCmd;
     std::wstring m_lastFound;  // what the last successful MySearchPath found
     bool m_lastInvalid = false;  // the last MySearchPath refused a name no file can have
-    std::map<std::wstring, bool> m_fileTests;  // upper-cased path -> exists, in this view
+    FileTestMemo m_ownFileTests;                // cleared by every Parse
+    FileTestMemo* m_sharedFileTests = nullptr;  // the analysis's, when it set one
+    FileTestMemo& FileTests() { return m_sharedFileTests ? *m_sharedFileTests : m_ownFileTests; }
     std::vector<std::wstring> m_extensions;  // PATHEXT, then .exe and .dll
     bool m_extensionsRead = false;
     unsigned m_bareSearchBudget = 0;

@@ -74,6 +74,15 @@ bool IsFileInView(const std::wstring& path, BOOL bWow64View) {
     return attr != INVALID_FILE_ATTRIBUTES && !(attr & FILE_ATTRIBUTE_DIRECTORY);
 }
 
+bool FileTestMemo::IsFile(const std::wstring& path, BOOL bWow64View) {
+    std::wstring key = (bWow64View ? L"1" : L"0") + ToUpper(path);
+    auto known = m_known.find(key);
+    if (known != m_known.end()) return known->second;
+    const bool ok = IsFileInView(path, bWow64View);
+    m_known.emplace(std::move(key), ok);
+    return ok;
+}
+
 std::wstring PathInView(const std::wstring& path, BOOL bWow64View) {
     if (!bWow64View || !GetWow64Helper()->m_bIsWow64) return path;
     std::wstring mapped;

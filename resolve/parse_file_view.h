@@ -9,6 +9,7 @@
 #pragma once
 #include <windows.h>
 
+#include <map>
 #include <string>
 #include <vector>
 
@@ -23,6 +24,19 @@ bool IsRemotePath(const std::wstring& path);
 // True when `path` names an existing file (not a folder) in the view. A remote
 // path is not tested: false.
 bool IsFileInView(const std::wstring& path, BOOL bWow64View);
+
+// The file tests of one analysis: each path is asked of the file system once
+// per view, however many steps (the script-host step, each parse, each search)
+// ask for it. Cleared when the next record begins.
+class FileTestMemo {
+public:
+    // IsFileInView, answered from the memo after the first test of `path`.
+    bool IsFile(const std::wstring& path, BOOL bWow64View);
+    void Clear() { m_known.clear(); }
+
+private:
+    std::map<std::wstring, bool> m_known;  // view digit + upper-cased path -> exists
+};
 
 // The path as the view names it: System32 rewritten to SysWow64 in the 32-bit
 // view on WOW64, unchanged otherwise.

@@ -36,7 +36,8 @@ std::wstring FileNamePart(const std::wstring& path) {
 
 bool CScriptHostRuleParser::IsFile(const std::wstring& path) const {
     const BOOL view32 = m_bWow64Parse == 1;
-    return IsFileInView(PathInView(path, view32), view32);
+    const std::wstring inView = PathInView(path, view32);
+    return m_fileTests ? m_fileTests->IsFile(inView, view32) : IsFileInView(inView, view32);
 }
 
 bool CScriptHostRuleParser::FindShellCommand(const wchar_t* sid, const std::wstring& ext,

@@ -8,6 +8,8 @@
 // "CScriptHostRuleParser::ExpandNoPECmdLine", "CScriptHostRuleParser::IsInternalCmd"
 // and "CScriptHostRuleParser::IsExternalCmd".
 #pragma once
+#include "resolve/parse_file_view.h"
+
 #include <windows.h>
 
 #include <string>
@@ -37,8 +39,11 @@ public:
     // the native view (see resolve/parse_file_view.h).
     void SetWow64Parse(BOOL v) { m_bWow64Parse = v; }
     BOOL m_bWow64Parse = 0;
+    // The analysis's file tests, shared with its parses (none: every test is made).
+    void SetFileTests(FileTestMemo* memo) { m_fileTests = memo; }
 
 private:
+    FileTestMemo* m_fileTests = nullptr;
     bool FindShellCommand(const wchar_t* sid, const std::wstring& ext, std::wstring& command);
     bool IsFile(const std::wstring& path) const;
 };
