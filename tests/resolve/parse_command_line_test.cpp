@@ -202,6 +202,7 @@ const Row kRows[] = {
     {"value in double parentheses", L"(({T}\\a.dll))", {L"{T}\\a.dll"}},
     {"two groups side by side", L"({T}\\a.dll);({T}\\b.dll)", {L"{T}\\a.dll", L"{T}\\b.dll"}},
     {"doubly quoted command", L"\"\"{PF}\\Some App\\app.exe\" -x\"", {L"{PF}\\Some App\\app.exe"}},
+    {"second parse adds no file twice", L"{T}\\tools\\run.exe \"{T}\\tools\\run.exe --silent\"", {L"{T}\\tools\\run.exe"}},
     {"rundll32 entry point is a function, not a file of that name", L"rundll32.exe a.dll,Begin x.cpl",
      {L"{SYS}\\rundll32.exe", L"{T}\\a.dll", L"{T}\\x.cpl"}, kNative, L"{T}"},
     {"rundll32 entry point after a quoted library", L"rundll32.exe \"{T}\\a.dll\",Begin",

@@ -3,7 +3,6 @@
 #include "resolve/parse_shortcut.h"
 
 #include "common/strutil.h"
-#include "diag/trace.h"
 #include "support/child.h"
 #include "support/fixtures.h"
 #include "support/trace_capture.h"
@@ -38,8 +37,7 @@ TEST(ResolveShortcutFile, OnlyExistingShortcutsAreParsed) {
 
 // The list is built once per process: registered before its first use here.
 KW_CHILD_TEST(LnkFileExt, ClassWithTheShortcutHandlerCounts) {
-    const std::wstring tag = std::to_wstring(GetCurrentProcessId());
-    const std::wstring classes = L"SOFTWARE\\Classes\\";
+    const std::wstring tag = std::to_wstring(GetCurrentProcessId()), classes = L"SOFTWARE\\Classes\\";
     const std::wstring withHandler = L".kwtlnk" + tag, without = L".kwtplain" + tag;
     const std::wstring cls = L"kwtlnkfile" + tag, plainCls = L"kwtplainfile" + tag;
     ASSERT_TRUE(kwtest::RegSetSz(HKEY_LOCAL_MACHINE, classes + withHandler, L"", cls));
