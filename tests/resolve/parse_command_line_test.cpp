@@ -189,6 +189,7 @@ void PrintTo(const Row& r, std::ostream* os) { *os << r.name; }  // listings sho
 
 class ParseCases : public ParseWorld, public ::testing::WithParamInterface<Row> {};
 
+// PATH of the PATH rows: a relative folder (never searched), a share of another machine, a quoted folder of ours.
 const wchar_t kPath[] = L"relative\\dir;{UNC};\"{T}\\pathdir\"";
 
 // The search order under test: the caller's folder, the system directory of
