@@ -4,14 +4,15 @@
 #include "resolve/script_host_rule_parser.h"
 
 #include "common/strutil.h"
+#include "support/class_registration.h"
 #include "support/fixtures.h"
 #include "support/kit.h"
 #include "support/trace_capture.h"
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <atomic>
+#include <memory>
 #include <set>
 #include <string>
 #include <vector>
@@ -27,25 +28,10 @@ std::wstring Unique(const wchar_t* prefix) {
            L"x" + std::to_wstring(++g_seq);
 }
 
-// Registry keys created by a test, each removed (with everything below it)
-// when the test ends.
-class KeyJanitor {
-public:
-    ~KeyJanitor() {
-        for (auto it = m_keys.rbegin(); it != m_keys.rend(); ++it)
-            kwtest::RegDeleteTreeView(it->first, it->second, KEY_WOW64_64KEY);
-    }
-    void Add(HKEY root, const std::wstring& key) { m_keys.emplace_back(root, key); }
-
-private:
-    std::vector<std::pair<HKEY, std::wstring>> m_keys;
+// Class keys created by a test, each removed (with everything below it) when the test ends.
+struct KeyJanitor : std::vector<std::unique_ptr<kwtest::ClassRegistration>> {
+    void Add(HKEY root, const std::wstring& key) { emplace_back(new kwtest::ClassRegistration(root, key, KEY_WOW64_64KEY)); }
 };
-
-std::wstring Join(const std::vector<std::wstring>& v) {
-    std::wstring out;
-    for (const auto& s : v) out += L"[" + s + L"]";
-    return out;
-}
 
 }  // namespace
 
@@ -53,11 +39,7 @@ std::wstring Join(const std::vector<std::wstring>& v) {
 // Text rules
 
 TEST(ScriptHostText, ExtensionOfTheLastComponent) {
-    struct Row {
-        const char* name;
-        const wchar_t* path;
-        const wchar_t* ext;
-    } rows[] = {
+    const struct { const char* name; const wchar_t* path; const wchar_t* ext; } rows[] = {
         {"two dots", L"C:\\a\\b.tar.gz", L".gz"},
         {"dot in a folder only", L"C:\\a.b\\c", L""},
         {"forward slashes", L"C:/a.b/c.js", L".js"},
@@ -65,10 +47,7 @@ TEST(ScriptHostText, ExtensionOfTheLastComponent) {
         {"dot followed by a blank is text", L"C:\\a. b", L""},
         {"empty", L"", L""},
     };
-    for (const auto& r : rows) {
-        SCOPED_TRACE(r.name);
-        EXPECT_EQ(std::wstring(r.ext), kw::PathExtensionOf(r.path));
-    }
+    for (const auto& r : rows) EXPECT_EQ(std::wstring(r.ext), kw::PathExtensionOf(r.path)) << r.name;
 }
 
 TEST(ScriptHostText, ExecutableImageExtensions) {
@@ -80,19 +59,11 @@ TEST(ScriptHostText, ExecutableImageExtensions) {
 TEST(ScriptHostText, FirstArgument) {
     const std::set<std::wstring> existing = {L"C:\\Some Dir\\a b.vbs", L"C:\\x.vbs"};
     auto isFile = [&](const std::wstring& p) { return existing.count(p) != 0; };
-    struct Row {
-        const char* name;
-        const wchar_t* line;
-        bool ok;
-        const wchar_t* file;
-        const wchar_t* rest;
-    } rows[] = {
+    const struct { const char* name; const wchar_t* line; bool ok; const wchar_t* file; const wchar_t* rest; } rows[] = {
         {"quoted file with arguments", L"\"C:\\a b\\x.vbs\" /b /x", true, L"C:\\a b\\x.vbs", L"/b /x"},
         {"unquoted file with arguments", L"C:\\x.vbs arg1 arg2", true, L"C:\\x.vbs", L"arg1 arg2"},
         {"single unquoted argument cut at a comma", L"C:\\x.vbs,1", true, L"C:\\x.vbs", L""},
-        {"single unquoted argument cut at a slash", L"x.vbs/s", true, L"x.vbs", L""},
-        {"unquoted path with spaces found by prefix", L"C:\\Some Dir\\a b.vbs /s", true,
-         L"C:\\Some Dir\\a b.vbs", L"/s"},
+        {"unquoted path with spaces found by prefix", L"C:\\Some Dir\\a b.vbs /s", true, L"C:\\Some Dir\\a b.vbs", L"/s"},
         {"unquoted path with spaces, none exists", L"C:\\No Dir\\a b.vbs /s", true, L"C:\\No", L"Dir\\a b.vbs /s"},
         {"unbalanced quote", L"\"C:\\a b\\x.vbs", true, L"C:\\a b\\x.vbs", L""},
         {"blank", L"  \t ", false, L"", L""},
@@ -102,26 +73,15 @@ TEST(ScriptHostText, FirstArgument) {
         SCOPED_TRACE(r.name);
         std::wstring file, rest;
         EXPECT_EQ(r.ok, kw::ScriptFirstArgument(r.line, file, rest, isFile));
-        EXPECT_EQ(std::wstring(r.file), file);
-        EXPECT_EQ(std::wstring(r.rest), rest);
+        EXPECT_EQ(std::wstring(r.file) + L"|" + r.rest, file + L"|" + rest);  // file|rest
     }
 }
 
 TEST(ScriptHostText, ShellMarkers) {
-    struct Row {
-        const char* name;
-        const wchar_t* command;
-        const wchar_t* file;
-        const wchar_t* rest;
-        const wchar_t* expected;
-    } rows[] = {
-        {"quoted %1 and %*", L"\"C:\\w.exe\" \"%1\" %*", L"C:\\x.vbs", L"/b /x",
-         L"\"C:\\w.exe\" \"C:\\x.vbs\" /b /x"},
-        {"bare %1 with a blank in the file", L"notepad.exe %1", L"C:\\a b.txt", L"",
-         L"notepad.exe \"C:\\a b.txt\""},
-        {"bare %1 without blanks", L"notepad.exe %1", L"C:\\a.txt", L"", L"notepad.exe C:\\a.txt"},
-        {"lower-case marker after a lower-casing expansion", L"c:\\w.exe \"%l\"", L"C:\\a.x", L"",
-         L"c:\\w.exe \"C:\\a.x\""},
+    const struct { const char* name; const wchar_t *command, *file, *rest, *expected; } rows[] = {
+        {"quoted %1 and %*", L"\"C:\\w.exe\" \"%1\" %*", L"C:\\x.vbs", L"/b /x", L"\"C:\\w.exe\" \"C:\\x.vbs\" /b /x"},
+        {"bare %1 with a blank in the file", L"notepad.exe %1", L"C:\\a b.txt", L"", L"notepad.exe \"C:\\a b.txt\""},
+        {"lower-case marker after a lower-casing expansion", L"c:\\w.exe \"%l\"", L"C:\\a.x", L"", L"c:\\w.exe \"C:\\a.x\""},
         {"quoted %* takes the file", L"host.exe \"%*\"", L"C:\\a.x", L"r", L"host.exe \"C:\\a.x\""},
         {"other markers dropped", L"host.exe %1 %2 %I %D", L"C:\\a.x", L"", L"host.exe C:\\a.x"},
         {"no marker: file appended", L"viewer.exe /open", L"C:\\a b.x", L"", L"viewer.exe /open \"C:\\a b.x\""},
@@ -130,70 +90,47 @@ TEST(ScriptHostText, ShellMarkers) {
         {"percent at the end", L"w.exe \"%1\" %", L"C:\\a.x", L"", L"w.exe \"C:\\a.x\" %"},
         {"empty command", L"", L"C:\\a.x", L"", L"\"C:\\a.x\""},
     };
-    for (const auto& r : rows) {
-        SCOPED_TRACE(r.name);
-        EXPECT_EQ(std::wstring(r.expected), kw::ReplaceShellMarkers(r.command, r.file, r.rest));
-    }
+    for (const auto& r : rows) EXPECT_EQ(std::wstring(r.expected), kw::ReplaceShellMarkers(r.command, r.file, r.rest)) << r.name;
 }
 
 // ---------------------------------------------------------------------------
 // Internal and external commands
 
 TEST(ScriptHostRules, InternalCommands) {
-    const wchar_t* const kIs = L"is internal cmd.";
-    const wchar_t* const kPath = L"not internal cmd, contains absolute path.";
-    struct Row {
-        const char* name;
-        const wchar_t* command;
-        bool internal;
-        const wchar_t* trace;  // the message traced, or null for none
-    } rows[] = {
-        {"upper case with switch", L"DIR /s /b", true, kIs},
-        {"switch glued to the name", L"dir/s", true, kIs},
-        {"leading blanks", L"  copy a b", true, kIs},
+    const std::wstring kLine = L"[kwRegAnalyze][INFO ][CScriptHostRuleParser::IsInternalCmd] ";
+    // trace: the message traced, or null for none
+    const struct { const char* name; const wchar_t* command; bool internal; const wchar_t* trace; } rows[] = {
+        {"upper case with switch", L"DIR /s /b", true, L"is internal cmd."},
+        {"switch glued to the name", L"dir/s", true, L"is internal cmd."},
+        {"leading blanks", L"  copy a b", true, L"is internal cmd."},
         {"lead by quote", L"\"dir\"", false, L"not internal cmd, lead by quote."},
-        {"absolute path in an argument", L"type C:\\x.txt", false, kPath},
-        {"UNC path", L"copy \\\\srv\\s\\a b", false, kPath},
-        {"a name that only starts like a command", L"directory", false, nullptr},
+        {"absolute path in an argument", L"type C:\\x.txt", false, L"not internal cmd, contains absolute path."},
+        {"UNC path", L"copy \\\\srv\\s\\a b", false, L"not internal cmd, contains absolute path."},
         {"program file named like a command", L"dir.exe", false, nullptr},
         {"empty", L"", false, nullptr},
     };
     for (const auto& r : rows) {
         SCOPED_TRACE(r.name);
         kwtest::ScopedSink sink;
-        CScriptHostRuleParser p;
-        EXPECT_EQ(r.internal, p.IsInternalCmd(r.command));
-        const auto msgs = sink.sink.Messages();
-        EXPECT_EQ(r.trace ? std::vector<std::wstring>{r.trace} : std::vector<std::wstring>{}, msgs) << Join(msgs);
+        EXPECT_EQ(r.internal, CScriptHostRuleParser().IsInternalCmd(r.command));
+        EXPECT_EQ(r.trace ? std::vector<std::wstring>{kLine + r.trace} : std::vector<std::wstring>{}, sink.Texts());
     }
-    kwtest::ScopedSink sink;
-    CScriptHostRuleParser().IsInternalCmd(L"dir");
-    EXPECT_TRUE(sink.sink.Has(L"[CScriptHostRuleParser::IsInternalCmd] is internal cmd."));
 }
 
 TEST(ScriptHostRules, ExternalCommands) {
     kwtest::TempDir dir(L"kwshx");
-    const std::wstring cmd = dir.File(L"RUN2.CMD", "@echo off");
-    const std::wstring spaced = dir.File(L"Some Dir\\go now.bat", "@echo off");
     // A batch file on another machine's share that a file test would find.
     const std::wstring uncHost = L"kwshx" + std::to_wstring(GetCurrentProcessId());
     const std::wstring uncFolder = kwtest::WineUncHostFolder(uncHost);
     if (!uncFolder.empty()) kwtest::MakeFile(uncFolder + L"\\share\\far.bat", "@echo off");
-    struct Row {
-        std::string name;
-        std::wstring command;
-        bool external;
-    } rows[] = {
-        {"existing command script in upper case", cmd, true},
-        {"quoted batch path with spaces", L"\"" + spaced + L"\" x", true},
+    const struct { const char* name; std::wstring command; bool external; } rows[] = {
+        {"existing command script in upper case", dir.File(L"RUN2.CMD", "@echo off"), true},
+        {"quoted batch path with spaces", L"\"" + dir.File(L"Some Dir\\go now.bat", "@echo off") + L"\" x", true},
         {"missing batch file", dir.Path() + L"\\missing.bat", false},
         {"a folder named like a batch file", dir.Dir(L"folder.bat"), false},
         {"batch file on a remote share is not tested", L"\\\\" + uncHost + L"\\share\\far.bat", false},
     };
-    for (const auto& r : rows) {
-        SCOPED_TRACE(r.name);
-        EXPECT_EQ(r.external, CScriptHostRuleParser().IsExternalCmd(r.command));
-    }
+    for (const auto& r : rows) EXPECT_EQ(r.external, CScriptHostRuleParser().IsExternalCmd(r.command)) << r.name;
     if (!uncFolder.empty()) kwtest::RemoveTree(uncFolder);
 }
 
@@ -203,24 +140,18 @@ TEST(ScriptHostRules, ExternalCommands) {
 TEST(ScriptHostRules, PathExtPieces) {
     // The first read uses 260 characters; longer values take a larger buffer.
     auto ofLength = [](size_t len) { return L".COM;" + std::wstring(len - 5, L'Z'); };
-    struct Row {
-        std::string name;
-        std::wstring value;  // "-": unset
-        std::vector<std::wstring> expected;
-    } rows[] = {
+    const struct { const char* name; std::wstring value; std::vector<std::wstring> expected; } rows[] = {  // "-": unset
         {"usual value", L".COM;.EXE;.BAT", {L".COM", L".EXE", L".BAT"}},
         {"empty pieces dropped", L";.COM;;.EXE;", {L".COM", L".EXE"}},
         {"blanks around pieces", L" .COM ; .EXE", {L".COM", L".EXE"}},
-        {"only separators", L";;;", {}},
         {"unset", L"-", {}},
         {"259 characters", ofLength(259), {L".COM", ofLength(259).substr(5)}},
         {"260 characters", ofLength(260), {L".COM", ofLength(260).substr(5)}},
         {"261 characters", ofLength(261), {L".COM", ofLength(261).substr(5)}},
     };
     for (const auto& r : rows) {
-        SCOPED_TRACE(r.name);
         kwtest::ScopedEnv env(L"PATHEXT", r.value == L"-" ? nullptr : r.value.c_str());
-        EXPECT_EQ(r.expected, CScriptHostRuleParser::ReadPathExt());
+        EXPECT_EQ(r.expected, CScriptHostRuleParser::ReadPathExt()) << r.name;
     }
 }
 
@@ -229,85 +160,81 @@ TEST(ScriptHostRules, PathExtPieces) {
 
 namespace {
 
-// A file class of its own: a unique extension whose class (a unique program
-// id) has the given verbs, under HKLM or under the user's classes.
-struct TestClass {
-    std::wstring ext, progId;
-};
+std::wstring UserClasses() { return kwtest::CurrentUserSid() + L"\\SOFTWARE\\Classes\\"; }
 
-TestClass RegisterClass(KeyJanitor& keys, HKEY root, const std::wstring& classesBase,
-                        const std::wstring& defaultVerb,
-                        const std::vector<std::pair<std::wstring, std::wstring>>& verbs,
+// A file class of its own: an extension (unique unless given) whose class, a
+// unique program id, has the given verbs; under HKLM or under the user's classes.
+struct TestClass { std::wstring ext, progId; };
+
+TestClass RegisterClass(KeyJanitor& keys, const std::wstring& defaultVerb,
+                        const std::vector<std::pair<std::wstring, std::wstring>>& verbs, HKEY root = HKEY_LOCAL_MACHINE,
                         const std::wstring& ext = Unique(L".kwt"), DWORD type = REG_SZ) {
+    const std::wstring base = root == HKEY_USERS ? UserClasses() : L"SOFTWARE\\Classes\\";
     TestClass c{ext, Unique(L"kwtest.class")};
-    keys.Add(root, classesBase + c.ext);
-    keys.Add(root, classesBase + c.progId);
-    kwtest::RegSetSz(root, classesBase + c.ext, L"", c.progId);
-    kwtest::RegCreate(root, classesBase + c.progId + L"\\shell");
-    if (!defaultVerb.empty()) kwtest::RegSetSz(root, classesBase + c.progId + L"\\shell", L"", defaultVerb);
+    keys.Add(root, base + c.ext);
+    keys.Add(root, base + c.progId);
+    kwtest::RegSetSz(root, base + c.ext, L"", c.progId);
+    kwtest::RegCreate(root, base + c.progId + L"\\shell");
+    if (!defaultVerb.empty()) kwtest::RegSetSz(root, base + c.progId + L"\\shell", L"", defaultVerb);
     for (const auto& v : verbs)
-        kwtest::RegSetSz(root, classesBase + c.progId + L"\\shell\\" + v.first + L"\\command", L"",
-                         v.second, KEY_WOW64_64KEY, type);
+        kwtest::RegSetSz(root, base + c.progId + L"\\shell\\" + v.first + L"\\command", L"", v.second, KEY_WOW64_64KEY, type);
     return c;
 }
 
-const std::wstring kMachineClasses = L"SOFTWARE\\Classes\\";
-
-std::wstring UserClasses() { return kwtest::CurrentUserSid() + L"\\SOFTWARE\\Classes\\"; }
-
 // A machine class with only the open verb.
-TestClass OpenClass(KeyJanitor& keys, const std::wstring& command) {
-    return RegisterClass(keys, HKEY_LOCAL_MACHINE, kMachineClasses, L"", {{L"open", command}});
-}
+TestClass OpenClass(KeyJanitor& keys, const std::wstring& command) { return RegisterClass(keys, L"", {{L"open", command}}); }
 
 }  // namespace
 
 TEST(ScriptHostExpand, VerbCommands) {
+    const std::wstring sid = kwtest::CurrentUserSid();
+    ASSERT_FALSE(sid.empty());
     KeyJanitor keys;
     kwtest::TempDir dir(L"kwshe");
     const auto open = OpenClass(keys, L"wscript.exe \"%1\"");
     const auto withArgs = OpenClass(keys, L"\"C:\\host\\w.exe\" \"%1\" %*");
-    const auto edit = RegisterClass(keys, HKEY_LOCAL_MACHINE, kMachineClasses, L"edit",
-                                    {{L"open", L"open.exe \"%1\""}, {L"edit", L"edit.exe \"%1\""}});
-    const auto verbList = RegisterClass(keys, HKEY_LOCAL_MACHINE, kMachineClasses, L"print,open",
-                                        {{L"open", L"open.exe \"%1\""}, {L"print", L"print.exe \"%1\""}});
-    const auto missingVerb = RegisterClass(keys, HKEY_LOCAL_MACHINE, kMachineClasses, L"play",
-                                           {{L"open", L"open.exe \"%1\""}});
-    const auto expandSz = RegisterClass(keys, HKEY_LOCAL_MACHINE, kMachineClasses, L"",
-                                        {{L"open", L"%SystemRoot%\\kwhost.exe \"%1\""}}, Unique(L".kwt"),
-                                        REG_EXPAND_SZ);
+    const auto edit = RegisterClass(keys, L"edit", {{L"open", L"open.exe \"%1\""}, {L"edit", L"edit.exe \"%1\""}});
+    const auto verbList = RegisterClass(keys, L"print,open", {{L"open", L"open.exe \"%1\""}, {L"print", L"print.exe \"%1\""}});
+    const auto missingVerb = RegisterClass(keys, L"play", {{L"open", L"open.exe \"%1\""}});
+    const auto expandSz =
+        RegisterClass(keys, L"", {{L"open", L"%SystemRoot%\\kwhost.exe \"%1\""}}, HKEY_LOCAL_MACHINE, Unique(L".kwt"), REG_EXPAND_SZ);
     // A class named directly by the extension key (no program id).
     const std::wstring directExt = Unique(L".kwd");
-    keys.Add(HKEY_LOCAL_MACHINE, kMachineClasses + directExt);
-    kwtest::RegSetSz(HKEY_LOCAL_MACHINE, kMachineClasses + directExt + L"\\shell\\open\\command", L"",
-                     L"direct.exe \"%1\"");
+    keys.Add(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Classes\\" + directExt);
+    kwtest::RegSetSz(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Classes\\" + directExt + L"\\shell\\open\\command", L"", L"direct.exe \"%1\"");
     // An extension whose class has no command at all.
-    const auto noCommand = RegisterClass(keys, HKEY_LOCAL_MACHINE, kMachineClasses, L"", {});
+    const auto noCommand = RegisterClass(keys, L"", {});
     const std::wstring unknown = L"C:\\x" + Unique(L".kwnone");
+    // One extension in both hives; and a user's extension naming a class that only the machine holds.
+    const std::wstring both = L"C:\\a" + Unique(L".kwu");
+    RegisterClass(keys, L"", {{L"open", L"machine.exe \"%1\""}}, HKEY_LOCAL_MACHINE, kw::PathExtensionOf(both));
+    RegisterClass(keys, L"", {{L"open", L"user.exe \"%1\""}}, HKEY_USERS, kw::PathExtensionOf(both));
+    const std::wstring userExt = L"C:\\b" + Unique(L".kwu");
+    keys.Add(HKEY_USERS, UserClasses() + kw::PathExtensionOf(userExt));
+    kwtest::RegSetSz(HKEY_USERS, UserClasses() + kw::PathExtensionOf(userExt), L"", OpenClass(keys, L"m2.exe \"%1\"").progId);
 
-    const std::wstring f = dir.File(L"a" + open.ext);
-    const std::wstring spaced = dir.File(L"Some Dir\\b c" + withArgs.ext);
-    const std::wstring win = kwtest::WindowsDir();
-
-    struct Row {
-        std::string name;
-        std::wstring line;
-        int ret;
-        std::wstring expected;
-    } rows[] = {
+    const std::wstring f = dir.File(L"a" + open.ext), spaced = dir.File(L"Some Dir\\b c" + withArgs.ext);
+    // Lines of n characters and what becomes of them: only the first 259 are used.
+    const std::wstring head = L"C:\\x" + withArgs.ext;
+    auto ofLength = [&](size_t n) { return head + L" " + std::wstring(n - head.size() - 1, L'a'); };
+    auto wrapped = [&](size_t n) { return L"\"C:\\host\\w.exe\" \"" + head + L"\" " + std::wstring(n - head.size() - 1, L'a'); };
+    const struct { const char* name; std::wstring line; int ret; std::wstring expected; const wchar_t* sid; } rows[] = {
         {"quoted %1 in the open verb", f, 1, L"wscript.exe \"" + f + L"\""},
-        {"arguments go to %*", L"\"C:\\s\\x" + withArgs.ext + L"\" /b /x", 1,
-         L"\"C:\\host\\w.exe\" \"C:\\s\\x" + withArgs.ext + L"\" /b /x"},
-        {"unquoted script path with spaces and an argument", spaced + L" /q", 1,
-         L"\"C:\\host\\w.exe\" \"" + spaced + L"\" /q"},
+        {"arguments go to %*", L"\"" + head + L"\" /b /x", 1, L"\"C:\\host\\w.exe\" \"" + head + L"\" /b /x"},
+        {"unquoted script path with spaces and an argument", spaced + L" /q", 1, L"\"C:\\host\\w.exe\" \"" + spaced + L"\" /q"},
         {"default verb names another verb", L"C:\\x" + edit.ext, 1, L"edit.exe \"C:\\x" + edit.ext + L"\""},
-        {"default verb list takes its first entry", L"C:\\x" + verbList.ext, 1,
-         L"print.exe \"C:\\x" + verbList.ext + L"\""},
+        {"default verb list takes its first entry", L"C:\\x" + verbList.ext, 1, L"print.exe \"C:\\x" + verbList.ext + L"\""},
         {"default verb without a command falls back to open", L"C:\\x" + missingVerb.ext, 1,
          L"open.exe \"C:\\x" + missingVerb.ext + L"\""},
         {"expandable command is expanded", L"C:\\x" + expandSz.ext, 1,
-         win + L"\\kwhost.exe \"C:\\x" + expandSz.ext + L"\""},
+         kwtest::WindowsDir() + L"\\kwhost.exe \"C:\\x" + expandSz.ext + L"\""},
         {"class on the extension key itself", L"C:\\x" + directExt, 1, L"direct.exe \"C:\\x" + directExt + L"\""},
+        {"with the SID the user's class wins", both, 1, L"user.exe \"" + both + L"\"", sid.c_str()},
+        {"without a SID only the machine's class", both, 1, L"machine.exe \"" + both + L"\""},
+        {"user's extension, machine's class", userExt, 1, L"m2.exe \"" + userExt + L"\"", sid.c_str()},
+        {"line of 258 characters", ofLength(258), 1, wrapped(258)},
+        {"line of 259 characters", ofLength(259), 1, wrapped(259)},
+        {"line of 260 characters: the last one is not used", ofLength(260), 1, wrapped(259)},
         {"class without a command", L"C:\\x" + noCommand.ext, 0, L"C:\\x" + noCommand.ext},
         {"unknown extension", unknown, 0, unknown},
         {"program left alone", L"C:\\x\\app.exe /s", 0, L"C:\\x\\app.exe /s"},
@@ -318,64 +245,16 @@ TEST(ScriptHostExpand, VerbCommands) {
     for (const auto& r : rows) {
         SCOPED_TRACE(r.name);
         std::wstring line = r.line;
-        EXPECT_EQ(r.ret, CScriptHostRuleParser().ExpandNoPECmdLine(line, nullptr, nullptr, FALSE, 0));
+        EXPECT_EQ(r.ret, CScriptHostRuleParser().ExpandNoPECmdLine(line, r.sid, nullptr, FALSE, 0));
         EXPECT_TRUE(kw::EqualsNoCase(r.expected, line)) << kw::WideToUtf8(line);
-    }
-}
-
-TEST(ScriptHostExpand, OnlyTheFirst259CharactersAreUsed) {
-    KeyJanitor keys;
-    const std::wstring file = L"C:\\x" + OpenClass(keys, L"w.exe \"%1\" %*").ext;
-    for (size_t len : {258u, 259u, 260u}) {
-        SCOPED_TRACE(len);
-        std::wstring line = file + L" " + std::wstring(len - file.size() - 1, L'a');
-        const std::wstring expectedRest(std::min<size_t>(len, 259) - file.size() - 1, L'a');
-        EXPECT_EQ(1, CScriptHostRuleParser().ExpandNoPECmdLine(line, nullptr, nullptr, FALSE, 0));
-        EXPECT_EQ(L"w.exe \"" + file + L"\" " + expectedRest, line);
-    }
-}
-
-TEST(ScriptHostExpand, UserClassWinsOverMachineClass) {
-    const std::wstring sid = kwtest::CurrentUserSid();
-    ASSERT_FALSE(sid.empty());
-    KeyJanitor keys;
-    const std::wstring ext = Unique(L".kwu");
-    RegisterClass(keys, HKEY_LOCAL_MACHINE, kMachineClasses, L"", {{L"open", L"machine.exe \"%1\""}}, ext);
-    RegisterClass(keys, HKEY_USERS, UserClasses(), L"", {{L"open", L"user.exe \"%1\""}}, ext);
-    // The user's extension may also name a class that only the machine holds.
-    const auto machineOnly = OpenClass(keys, L"m2.exe \"%1\"");
-    const std::wstring ext2 = Unique(L".kwu");
-    keys.Add(HKEY_USERS, UserClasses() + ext2);
-    kwtest::RegSetSz(HKEY_USERS, UserClasses() + ext2, L"", machineOnly.progId);
-
-    struct Row {
-        const char* name;
-        const wchar_t* sid;
-        std::wstring file, expected;
-    } rows[] = {
-        {"with the SID the user's class wins", sid.c_str(), L"C:\\a" + ext, L"user.exe \"C:\\a" + ext + L"\""},
-        {"without a SID only the machine's class", nullptr, L"C:\\a" + ext, L"machine.exe \"C:\\a" + ext + L"\""},
-        {"user's extension, machine's class", sid.c_str(), L"C:\\b" + ext2, L"m2.exe \"C:\\b" + ext2 + L"\""},
-    };
-    for (const auto& r : rows) {
-        SCOPED_TRACE(r.name);
-        std::wstring line = r.file;
-        EXPECT_EQ(1, CScriptHostRuleParser().ExpandNoPECmdLine(line, r.sid, nullptr, FALSE, 0));
-        EXPECT_EQ(r.expected, line);
     }
 }
 
 TEST(ScriptHostExpand, TraceLines) {
     KeyJanitor keys;
     const auto open = OpenClass(keys, L"wscript.exe \"%1\"");
-    struct Row {
-        std::string name;
-        std::wstring line;
-        DWORD ruleId;
-        std::vector<std::wstring> messages;
-    } rows[] = {
-        {"rewritten", L"C:\\s" + open.ext, 4242,
-         {L"ret: 1, ruleId: 4242, cmdline: wscript.exe \"C:\\s" + open.ext + L"\""}},
+    const struct { const char* name; std::wstring line; DWORD ruleId; std::vector<std::wstring> messages; } rows[] = {
+        {"rewritten", L"C:\\s" + open.ext, 4242, {L"ret: 1, ruleId: 4242, cmdline: wscript.exe \"C:\\s" + open.ext + L"\""}},
         {"no class", L"C:\\s.kwnoclass", 7, {L"ret: 0, ruleId: 7, cmdline: C:\\s.kwnoclass"}},
         {"special cmd line", L"\"Cmd /c C:\\s" + open.ext + L"\"", 7, {L"Special cmd line: \"cmd /c ...\""}},
         {"program: nothing traced", L"C:\\x.exe", 7, {}},
@@ -385,10 +264,9 @@ TEST(ScriptHostExpand, TraceLines) {
         kwtest::ScopedSink sink;
         std::wstring line = r.line;
         CScriptHostRuleParser().ExpandNoPECmdLine(line, nullptr, nullptr, FALSE, r.ruleId);
-        EXPECT_EQ(r.messages, sink.sink.Messages()) << Join(sink.sink.Messages());
+        EXPECT_EQ(r.messages, sink.sink.Messages());
         for (const auto& l : sink.Texts())
-            EXPECT_EQ(0u, l.find(L"[kwRegAnalyze][INFO ][CScriptHostRuleParser::ExpandNoPECmdLine] "))
-                << kw::WideToUtf8(l);
+            EXPECT_EQ(0u, l.find(L"[kwRegAnalyze][INFO ][CScriptHostRuleParser::ExpandNoPECmdLine] ")) << kw::WideToUtf8(l);
     }
 }
 
@@ -401,16 +279,12 @@ TEST(ScriptHostExpand, BatchFileClassIsAnExternalCommand) {
     if (kwtest::RegKeyExists(HKEY_USERS, UserClasses() + L".bat"))
         GTEST_SKIP() << "this user already has a .bat association of its own";
     KeyJanitor keys;
-    RegisterClass(keys, HKEY_USERS, UserClasses(), L"", {{L"open", L"\"%1\" %*"}}, L".bat");
+    RegisterClass(keys, L"", {{L"open", L"\"%1\" %*"}}, HKEY_USERS, L".bat");
     kwtest::TempDir dir(L"kwshb");
-    const std::wstring bat = dir.File(L"job.bat", "@echo off");
-
+    const std::wstring bat = dir.File(L"job.bat", "@echo off"), expected = L"\"" + bat + L"\" /now";
     kwtest::ScopedSink sink;
     std::wstring line = bat + L" /now";
     EXPECT_EQ(1, CScriptHostRuleParser().ExpandNoPECmdLine(line, sid.c_str(), nullptr, FALSE, 12));
-    const std::wstring expected = L"\"" + bat + L"\" /now";
-    EXPECT_EQ(expected, line);
-    EXPECT_EQ((std::vector<std::wstring>{L"File shell open is ExternalCmd: " + expected,
-                                         L"ret: 1, ruleId: 12, cmdline: " + expected}),
+    EXPECT_EQ((std::vector<std::wstring>{L"File shell open is ExternalCmd: " + expected, L"ret: 1, ruleId: 12, cmdline: " + expected}),
               sink.sink.Messages());
 }
