@@ -1,0 +1,123 @@
+// The module's operator new and delete. An event's analysis makes a few
+// hundred small allocations (path strings, lists, maps), and the C runtime's
+// heap serves every thread under one lock: host threads analysing at once
+// would queue on it for each of them. Small blocks are therefore recycled
+// through a few caches, each guarded by a try-lock and picked by the calling
+// thread's id; a cache that is busy, empty or full hands the call on to the
+// heap, so a block may be freed on any thread. Every block carries its size
+// class in front of it (the heap's own alignment is kept).
+#include <windows.h>
+
+#include <cstdlib>
+#include <new>
+
+namespace {
+
+constexpr size_t kGranule = 16;
+constexpr size_t kClasses = 16;     // blocks of 16 to 256 bytes
+constexpr size_t kCaches = 8;       // more than the host's analysing threads
+constexpr unsigned kPerClass = 16;  // bounds a cache to about 36 KB
+constexpr size_t kHeader = 8;       // the class number, then padding
+
+struct FreeBlock {
+    FreeBlock* next;
+};
+
+struct alignas(64) Cache {
+    volatile LONG busy;
+    FreeBlock* blocks[kClasses];
+    unsigned count[kClasses];
+};
+
+Cache g_caches[kCaches];
+volatile LONG g_closing = 0;  // the module unloads: blocks go back to the heap
+
+Cache* TryLockCache() noexcept {
+    if (g_closing) return nullptr;
+    // Windows thread ids are multiples of four.
+    Cache* c = &g_caches[(GetCurrentThreadId() >> 2) % kCaches];
+    return InterlockedExchange(&c->busy, 1) == 0 ? c : nullptr;
+}
+
+void Unlock(Cache* c) noexcept { InterlockedExchange(&c->busy, 0); }
+
+void* Allocate(size_t n) noexcept {
+    const size_t cls = n == 0 ? 1 : (n + kGranule - 1) / kGranule;  // 1-based
+    if (cls <= kClasses) {
+        if (Cache* c = TryLockCache()) {
+            FreeBlock* b = c->blocks[cls - 1];
+            if (b) {
+                c->blocks[cls - 1] = b->next;
+                --c->count[cls - 1];
+            }
+            Unlock(c);
+            if (b) return b;
+        }
+    }
+    const size_t bytes = cls <= kClasses ? cls * kGranule : n;
+    if (bytes > static_cast<size_t>(-1) - kHeader) return nullptr;
+    char* raw = static_cast<char*>(malloc(bytes + kHeader));
+    if (!raw) return nullptr;
+    *reinterpret_cast<size_t*>(raw) = cls <= kClasses ? cls : 0;
+    return raw + kHeader;
+}
+
+void Release(void* p) noexcept {
+    if (!p) return;
+    char* raw = static_cast<char*>(p) - kHeader;
+    const size_t cls = *reinterpret_cast<size_t*>(raw);
+    if (cls >= 1 && cls <= kClasses) {
+        if (Cache* c = TryLockCache()) {
+            const bool kept = c->count[cls - 1] < kPerClass;
+            if (kept) {
+                FreeBlock* b = static_cast<FreeBlock*>(p);
+                b->next = c->blocks[cls - 1];
+                c->blocks[cls - 1] = b;
+                ++c->count[cls - 1];
+            }
+            Unlock(c);
+            if (kept) return;
+        }
+    }
+    free(raw);
+}
+
+// At unload every cached block goes back to the heap, and so does every block
+// freed later by the module's other static objects.
+struct Drain {
+    ~Drain() {
+        InterlockedExchange(&g_closing, 1);
+        for (Cache& c : g_caches) {
+            // A cache still locked belongs to a thread the process ended
+            // while it held it: left as it is, never waited for.
+            if (InterlockedExchange(&c.busy, 1) != 0) continue;
+            for (size_t i = 0; i < kClasses; ++i) {
+                while (FreeBlock* b = c.blocks[i]) {
+                    c.blocks[i] = b->next;
+                    free(reinterpret_cast<char*>(b) - kHeader);
+                }
+                c.count[i] = 0;
+            }
+            Unlock(&c);
+        }
+    }
+} g_drain;
+
+void* AllocateOrThrow(size_t n) {
+    void* p = Allocate(n);
+    if (!p) throw std::bad_alloc();
+    return p;
+}
+
+}  // namespace
+
+void* operator new(size_t n) { return AllocateOrThrow(n); }
+void* operator new[](size_t n) { return AllocateOrThrow(n); }
+void* operator new(size_t n, const std::nothrow_t&) noexcept { return Allocate(n); }
+void* operator new[](size_t n, const std::nothrow_t&) noexcept { return Allocate(n); }
+void operator delete(void* p) noexcept { Release(p); }
+void operator delete[](void* p) noexcept { Release(p); }
+void operator delete(void* p, size_t) noexcept { Release(p); }
+void operator delete[](void* p, size_t) noexcept { Release(p); }
+void operator delete(void* p, const std::nothrow_t&) noexcept { Release(p); }
+void operator delete[](void* p, const std::nothrow_t&) noexcept { Release(p); }
