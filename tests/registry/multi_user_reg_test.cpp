@@ -1,17 +1,15 @@
 #include "registry/multi_user_reg.h"
 
-#include "diag/trace.h"
 #include "registry/user_reg_hive.h"
 #include "support/fixtures.h"
 #include "support/kit.h"
-#include "support/recording_sink.h"
+#include "support/trace_capture.h"
 #include "support/second_user_profile.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <atomic>
-#include <ostream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -42,65 +40,40 @@ std::wstring Ask(CMultiUserRegManager& m, const std::wstring& sid, const wchar_t
 }  // namespace
 
 // ---------------------------------------------------------------------------
-// A second user whose hive the manager loads from the profile's NTUSER.dat.
-struct SecondUserRow {
-    const char* name;
-    const wchar_t* variable;
-    const wchar_t* expected;  // {PROFILE}, {WINDIR}; null: the question fails
-};
-// Test names show the row title, not the bytes of the row.
-void PrintTo(const SecondUserRow& r, std::ostream* os) { *os << r.name; }
-
-const SecondUserRow kSecondUserRows[] = {
-    {"USERPROFILE from ProfileList", L"USERPROFILE", L"{PROFILE}"},
-    {"Tmp in mixed case", L"Tmp", L"{PROFILE}\\AppData\\Local\\Temp"},
-    {"system variable inside a user variable", L"KWSYSTEMVAR", L"{WINDIR}\\kw"},
-    {"REG_SZ value is expanded for the user too", L"KwPlainVar", L"{PROFILE}\\plain"},
-    {"DWORD variable is not a string", L"KWDWORDVAR", nullptr},
-    {"APPDATA falls to the shell folder", L"APPDATA", L"{PROFILE}\\AppData\\Roaming"},
-    {"Local AppData second spelling", L"Local AppData", L"{PROFILE}\\AppData\\Local"},
-    {"DESKTOPDIR token name in lower case", L"desktopdir", L"{PROFILE}\\Desktop"},
-    {"MYDOCUMENTS shares the id of PERSONAL", L"MYDOCUMENTS", L"{PROFILE}\\Documents"},
-    {"DEFAULT_PROFILE is the profile folder", L"DEFAULT_PROFILE", L"{PROFILE}"},
-    {"shell folder without a value", L"FAVORITES", nullptr},
-    {"name nowhere", L"KWNOSUCHNAME", nullptr},
-    {"300 characters are cut to 259", L"KWLONGVAR", L"{LONG}"},
-};
-
-class SecondUser : public ::testing::TestWithParam<SecondUserRow> {};
-
-TEST_P(SecondUser, AnswersFromTheLoadedHive) {
-    const SecondUserRow& r = GetParam();
+// A second user whose hive the manager loads from the profile's NTUSER.dat,
+// while the process's own values point elsewhere.
+TEST(SecondUser, AnswersFromTheLoadedHiveNeverTheProcess) {
     SecondUserProfile user;
     ASSERT_TRUE(user.Ready()) << Narrow(user.Error());
-    std::wstring expected = L"<failed>";
-    if (r.expected) {
-        expected = r.expected;
-        kw::ReplaceAll(expected, L"{PROFILE}", user.Profile());
-        kw::ReplaceAll(expected, L"{WINDIR}", kwtest::WindowsDir());
-        kw::ReplaceAll(expected, L"{LONG}", SecondUserProfile::LongValue().substr(0, MAX_PATH - 1));
-    }
-    CMultiUserRegManager manager;
-    EXPECT_EQ(expected, Ask(manager, user.Sid(), r.variable));
-    EXPECT_FALSE(SecondUserProfile::IsLoaded(user.Sid())) << "unloaded once its values are read";
-    EXPECT_FALSE(SecondUserProfile::IsLoaded(user.Sid() + L"_Classes"));
-    EXPECT_EQ(expected, Ask(manager, user.Sid(), r.variable)) << "answered from what was read";
-}
-
-INSTANTIATE_TEST_SUITE_P(Rows, SecondUser, ::testing::ValuesIn(kSecondUserRows),
-                         kwtest::ByRowName());
-
-TEST(SecondUserManager, NeverTheProcessProfileOrTemp) {
-    SecondUserProfile user;
-    ASSERT_TRUE(user.Ready()) << Narrow(user.Error());
-    // The process's own values point elsewhere while the manager reads.
     kwtest::ScopedEnv profile(L"USERPROFILE", L"C:\\KwNotThisProfile");
     kwtest::ScopedEnv temp(L"TEMP", L"C:\\KwNotThisTemp");
+    kwtest::ScopedEnv tmp(L"TMP", L"C:\\KwNotThisTemp");
     kwtest::ScopedEnv appData(L"APPDATA", L"C:\\KwNotThisAppData");
+    const struct {
+        const char* name;
+        const wchar_t* variable;
+        std::wstring expected;
+    } rows[] = {
+        {"USERPROFILE from ProfileList", L"USERPROFILE", user.Profile()},
+        {"TEMP", L"TEMP", user.Temp()},
+        {"Tmp in mixed case", L"Tmp", user.Temp()},
+        {"system variable inside a user variable", L"KWSYSTEMVAR", kwtest::WindowsDir() + L"\\kw"},
+        {"REG_SZ value is expanded for the user too", L"KwPlainVar", user.Profile() + L"\\plain"},
+        {"DWORD variable is not a string", L"KWDWORDVAR", L"<failed>"},
+        {"APPDATA falls to the shell folder", L"APPDATA", user.AppData()},
+        {"Local AppData second spelling", L"Local AppData", user.Profile() + L"\\AppData\\Local"},
+        {"DESKTOPDIR token name in lower case", L"desktopdir", user.Desktop()},
+        {"MYDOCUMENTS shares the id of PERSONAL", L"MYDOCUMENTS", user.Profile() + L"\\Documents"},
+        {"DEFAULT_PROFILE is the profile folder", L"DEFAULT_PROFILE", user.Profile()},
+        {"shell folder without a value", L"FAVORITES", L"<failed>"},
+        {"name nowhere", L"KWNOSUCHNAME", L"<failed>"},
+        {"300 characters are cut to 259", L"KWLONGVAR", SecondUserProfile::LongValue().substr(0, MAX_PATH - 1)},
+    };
     CMultiUserRegManager manager;
-    EXPECT_EQ(user.Temp(), Ask(manager, user.Sid(), L"TEMP"));
-    EXPECT_EQ(user.AppData(), Ask(manager, user.Sid(), L"APPDATA"));
-    EXPECT_EQ(user.Profile(), Ask(manager, user.Sid(), L"USERPROFILE"));
+    for (const auto& r : rows) EXPECT_EQ(r.expected, Ask(manager, user.Sid(), r.variable)) << r.name;
+    EXPECT_FALSE(SecondUserProfile::IsLoaded(user.Sid())) << "unloaded once its values are read";
+    EXPECT_FALSE(SecondUserProfile::IsLoaded(user.Sid() + L"_Classes"));
+    for (const auto& r : rows) EXPECT_EQ(r.expected, Ask(manager, user.Sid(), r.variable)) << "answered from what was read: " << r.name;
 }
 
 TEST(SecondUserManager, ProfileCreatedAfterTheListWasRead) {
@@ -122,15 +95,13 @@ TEST(SecondUserManager, FailedLoadIsRetriedOnTheNextQuestion) {
     ASSERT_TRUE(user.Ready()) << Narrow(user.Error());
     CMultiUserRegManager manager;
     {
-        kwtest::RecordingSink sink;
-        kw::SetLogSink(&sink);
+        kwtest::ScopedSink cap;
         HANDLE locked = CreateFileW((user.Profile() + L"\\NTUSER.dat").c_str(), GENERIC_READ, 0,
                                     nullptr, OPEN_EXISTING, 0, nullptr);
         ASSERT_NE(INVALID_HANDLE_VALUE, locked);
         EXPECT_EQ(L"<failed>", Ask(manager, user.Sid(), L"TEMP"));
         CloseHandle(locked);
-        kw::SetLogSink(nullptr);
-        EXPECT_TRUE(sink.Has(L"[CUserRegHelper::LoadHive] RegLoadKeyW"));
+        EXPECT_TRUE(cap.sink.Has(L"[CUserRegHelper::LoadHive] RegLoadKeyW"));
     }
     EXPECT_EQ(user.Temp(), Ask(manager, user.Sid(), L"TEMP"));
     EXPECT_FALSE(SecondUserProfile::IsLoaded(user.Sid()));
@@ -151,14 +122,12 @@ TEST(SecondUserManager, HiveAlreadyUnderUsersIsReadThereAndLeftLoaded) {
 TEST(SecondUserManager, ProfileWithoutHiveAnswersOnlyTheProfile) {
     SecondUserProfile user(SecondUserProfile::Hive::None);
     ASSERT_TRUE(user.Ready()) << Narrow(user.Error());
-    kwtest::RecordingSink sink;
-    kw::SetLogSink(&sink);
+    kwtest::ScopedSink cap;
     CMultiUserRegManager manager;
     EXPECT_EQ(user.Profile(), Ask(manager, user.Sid(), L"USERPROFILE"));
     EXPECT_EQ(L"<failed>", Ask(manager, user.Sid(), L"TEMP"));
-    kw::SetLogSink(nullptr);
-    EXPECT_TRUE(sink.Has(L"[CUserRegHelper::LoadHive] no hive file"));
-    EXPECT_TRUE(sink.Has(L"[CMultiUserRegManager::GetSpecialShellVariableBySid]"));
+    EXPECT_TRUE(cap.sink.Has(L"[CUserRegHelper::LoadHive] no hive file"));
+    EXPECT_TRUE(cap.sink.Has(L"[CMultiUserRegManager::GetSpecialShellVariableBySid]"));
 }
 
 // ---------------------------------------------------------------------------
@@ -180,15 +149,13 @@ TEST(CurrentUserManager, AnswersFromTheLoadedHiveAndLeavesIt) {
     EXPECT_TRUE(kwtest::RegKeyExists(HKEY_USERS, sid)) << "the logged-on user's hive stays";
 }
 
-struct RefusalRow {
-    const char* name;
-    const wchar_t* sid;
-    const wchar_t* variable;
-};
-
 TEST(Refusals, FailWithEmptyOutput) {
     const std::wstring me = kwtest::CurrentUserSid();
-    const RefusalRow rows[] = {
+    const struct {
+        const char* name;
+        const wchar_t* sid;
+        const wchar_t* variable;
+    } rows[] = {
         {"null SID", nullptr, L"TEMP"},
         {"empty SID", L"", L"TEMP"},
         {"null name", me.c_str(), nullptr},
@@ -197,17 +164,12 @@ TEST(Refusals, FailWithEmptyOutput) {
         {"SID text with a path", L"S-1-5-21-1\\..\\.Default", L"TEMP"},
     };
     CMultiUserRegManager manager;
-    for (const RefusalRow& r : rows) {
+    for (const auto& r : rows) {
         wchar_t out[MAX_PATH] = L"stale";
         EXPECT_FALSE(manager.GetSpecialShellVariableBySid(r.sid, r.variable, out)) << r.name;
         EXPECT_EQ(std::wstring(), out) << r.name;
     }
-}
-
-TEST(Refusals, NullOutput) {
-    CMultiUserRegManager manager;
-    EXPECT_FALSE(
-        manager.GetSpecialShellVariableBySid(kwtest::CurrentUserSid().c_str(), L"TEMP", nullptr));
+    EXPECT_FALSE(manager.GetSpecialShellVariableBySid(me.c_str(), L"TEMP", nullptr)) << "no output buffer";
     EXPECT_FALSE(manager.HasUser(nullptr));
     EXPECT_FALSE(manager.HasUser(L"S-1-5-21-9-9-9-424242"));
 }
@@ -306,37 +268,26 @@ int ThreadTokenLevel() {
     return level;
 }
 
-struct ScopeRow {
-    const char* name;
-    int before;  // the thread's impersonation before the scope: -1 none
-};
-void PrintTo(const ScopeRow& r, std::ostream* os) { *os << r.name; }
-class PrivilegeScope : public ::testing::TestWithParam<ScopeRow> {};
-
-TEST_P(PrivilegeScope, OnTheCallingThreadOnly) {
-    const ScopeRow& r = GetParam();
-    if (r.before >= 0) {
-        ASSERT_TRUE(ImpersonateSelf(static_cast<SECURITY_IMPERSONATION_LEVEL>(r.before)));
+// Before the scope the thread has no token, or already impersonates.
+TEST(PrivilegeScope, OnTheCallingThreadOnly) {
+    for (const int before : {-1, static_cast<int>(SecurityIdentification)}) {
+        SCOPED_TRACE(before);
+        EXPECT_TRUE(before < 0 || ImpersonateSelf(static_cast<SECURITY_IMPERSONATION_LEVEL>(before)));
+        const bool processBefore = ProcessPrivilegeOn(SE_RESTORE_NAME);
+        {
+            kw_user::CUserRegPrivilegeScope scope;
+            EXPECT_TRUE(scope.Enabled());
+            kw::unique_handle token;
+            EXPECT_TRUE(OpenThreadToken(GetCurrentThread(), TOKEN_QUERY, TRUE, token.put()));
+            EXPECT_TRUE(PrivilegeOn(token.get(), SE_RESTORE_NAME));
+            EXPECT_TRUE(PrivilegeOn(token.get(), SE_BACKUP_NAME));
+            EXPECT_EQ(processBefore, ProcessPrivilegeOn(SE_RESTORE_NAME)) << "process token untouched";
+            bool otherThread = true;
+            std::thread([&] { otherThread = ThreadTokenLevel() == -1; }).join();
+            EXPECT_TRUE(otherThread) << "another thread keeps the process token";
+        }
+        EXPECT_EQ(before, ThreadTokenLevel()) << "the thread gets back what it had";
+        EXPECT_EQ(processBefore, ProcessPrivilegeOn(SE_RESTORE_NAME));
+        RevertToSelf();
     }
-    const bool processBefore = ProcessPrivilegeOn(SE_RESTORE_NAME);
-    {
-        kw_user::CUserRegPrivilegeScope scope;
-        EXPECT_TRUE(scope.Enabled());
-        kw::unique_handle token;
-        ASSERT_TRUE(OpenThreadToken(GetCurrentThread(), TOKEN_QUERY, TRUE, token.put()));
-        EXPECT_TRUE(PrivilegeOn(token.get(), SE_RESTORE_NAME));
-        EXPECT_TRUE(PrivilegeOn(token.get(), SE_BACKUP_NAME));
-        EXPECT_EQ(processBefore, ProcessPrivilegeOn(SE_RESTORE_NAME)) << "process token untouched";
-        bool otherThread = true;
-        std::thread([&] { otherThread = ThreadTokenLevel() == -1; }).join();
-        EXPECT_TRUE(otherThread) << "another thread keeps the process token";
-    }
-    EXPECT_EQ(r.before, ThreadTokenLevel()) << "the thread gets back what it had";
-    EXPECT_EQ(processBefore, ProcessPrivilegeOn(SE_RESTORE_NAME));
-    RevertToSelf();
 }
-INSTANTIATE_TEST_SUITE_P(
-    Rows, PrivilegeScope,
-    ::testing::Values(ScopeRow{"thread without a token", -1},
-                      ScopeRow{"thread already impersonating", SecurityIdentification}),
-    kwtest::ByRowName());
