@@ -50,15 +50,13 @@ void ExpectLines(const std::vector<std::wstring>& patterns, const std::vector<st
 // ---------------------------------------------------------------------------
 // LoadParseRules: always true, with its success or failure line.
 
-struct LoadRow {
-    const char* name;
-    std::string text;
-    std::vector<int32_t> ids;
-    std::vector<std::wstring> lines;
-};
-
 TEST(LoadParseRules, ResultLinesForEachKindOfText) {
-    const LoadRow rows[] = {
+    const struct {
+        const char* name;
+        std::string text;
+        std::vector<int32_t> ids;
+        std::vector<std::wstring> lines;
+    } rows[] = {
         {"valid text", kOneRule, {5}, {kOneRuleLine, LINE_SUCCESS}},
         {"one invalid and one valid rule", kHalfValid, {2}, kHalfValidLines},
         {"empty text", "", {}, {LINE_EMPTY, LINE_FAIL}},
@@ -67,7 +65,7 @@ TEST(LoadParseRules, ResultLinesForEachKindOfText) {
           LINE_FAIL}},
         {"no rule array", "{}", {}, {LINE_SUCCESS}},
     };
-    for (const LoadRow& row : rows) {
+    for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
         ScopedSink cap;
         RuleTable table;
@@ -83,10 +81,6 @@ TEST(LoadParseRules, ResultLinesForEachKindOfText) {
 // The engine loads the rules once per process, from the first text that
 // gives a valid rule; every engine reads that one table.
 
-bool InitWith(CKwAutoRunImpl& engine, IHostRuleEngine* host, const std::string& text) {
-    return engine.Init(host, text.data(), static_cast<unsigned long>(text.size()));
-}
-
 std::vector<int32_t> Ids(CKwAutoRunImpl& engine) {
     std::vector<int32_t> ids;
     for (const auto& kv : engine.GetRules()) ids.push_back(kv.first);
@@ -94,17 +88,15 @@ std::vector<int32_t> Ids(CKwAutoRunImpl& engine) {
 }
 
 // Until a text gives a valid rule, each Init (of any engine) loads its own.
-struct TextRow {
-    const char* name;
-    const char* text;  // null: no text at all
-    unsigned long cb;
-    bool result;
-    std::vector<int32_t> ids;
-    std::vector<std::wstring> lines;
-};
-
 KW_CHILD_TEST(RuleLoadingProcess, TextsWithoutRulesDoNotCount) {
-    const TextRow rows[] = {
+    const struct {
+        const char* name;
+        const char* text;  // null: no text at all
+        unsigned long cb;
+        bool result;
+        std::vector<int32_t> ids;
+        std::vector<std::wstring> lines;
+    } rows[] = {
         {"no text", nullptr, 100, false, {}, {LINE_EMPTY, LINE_FAIL, LINE_NO_RULES}},
         {"length cuts the text", kOneRule.c_str(), 10, false, {},
          {L"[kwRegAnalyze][ERROR][ConfigRuleParse::Json2RuleArry] ConfigRuleParse::Json2RuleArry parse json error=11, offset=10",
@@ -115,12 +107,11 @@ KW_CHILD_TEST(RuleLoadingProcess, TextsWithoutRulesDoNotCount) {
           LINE_NO_RULES}},
         {"no rule array", "{}", 2, false, {}, {LINE_SUCCESS, LINE_NO_RULES}},
         {"the first text with a valid rule, although another is invalid", kHalfValid.c_str(),
-         static_cast<unsigned long>(kHalfValid.size()), true, {2},
-         kHalfValidLines},
+         static_cast<unsigned long>(kHalfValid.size()), true, {2}, kHalfValidLines},
         {"a later text is not loaded", kOtherRule.c_str(), static_cast<unsigned long>(kOtherRule.size()), true, {2}, {}},
     };
     ScopedSink cap;
-    for (const TextRow& row : rows) {
+    for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
         cap.sink.Clear();
         CKwAutoRunImpl engine;
@@ -138,8 +129,9 @@ KW_CHILD_TEST(RuleLoadingProcess, TextsWithoutRulesDoNotCount) {
 KW_CHILD_TEST(RuleLoadingProcess, ConcurrentInitLoadsOnce) {
     ScopedSink cap;
     CKwAutoRunImpl engine;
-    for (bool ok : kwtest::RaceFirstUse<bool>(8, [&] { return InitWith(engine, &cap.sink, kOneRule); }))
-        EXPECT_TRUE(ok);
+    auto init = [&] { return engine.Init(&cap.sink, kOneRule.data(), static_cast<unsigned long>(kOneRule.size())); };
+    // int, not bool: the threads would write neighbouring bits of one vector<bool>.
+    EXPECT_EQ(std::vector<int>(8, 1), kwtest::RaceFirstUse<int>(8, init));
     EXPECT_EQ(std::vector<int32_t>{5}, Ids(engine));
     ExpectLines({kOneRuleLine, LINE_SUCCESS}, cap.Texts());
 }
@@ -150,11 +142,9 @@ KW_CHILD_TEST(RuleLoadingProcess, PlugInInitLoadsTheHostRules) {
     EXPECT_TRUE(plug.Init(&cap.sink, kOneRule.data(), static_cast<unsigned long>(kOneRule.size())));
     ASSERT_NE(nullptr, plug.autoRunImpl);
     EXPECT_EQ(std::vector<int32_t>{5}, Ids(*plug.autoRunImpl));
-    std::vector<std::wstring> lines = cap.Texts();
-    EXPECT_EQ((std::vector<std::wstring>{L"[kwRegAnalyze][INFO ][CPlugDeepScan::Init] CPlugDeepScan::Init enter",
-                                         kOneRuleLine, LINE_SUCCESS,
-                                         L"[kwRegAnalyze][INFO ][CPlugDeepScan::Init] CPlugDeepScan::Init ok"}),
-              lines);
+    EXPECT_EQ((std::vector<std::wstring>{L"[kwRegAnalyze][INFO ][CPlugDeepScan::Init] CPlugDeepScan::Init enter", kOneRuleLine,
+                                         LINE_SUCCESS, L"[kwRegAnalyze][INFO ][CPlugDeepScan::Init] CPlugDeepScan::Init ok"}),
+              cap.Texts());
     // The engine and translator live until the module unloads; this test owns them.
     delete plug.autoRunImpl;
     delete plug.regKeyTranslate;
