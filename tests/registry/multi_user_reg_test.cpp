@@ -76,35 +76,26 @@ TEST(SecondUser, AnswersFromTheLoadedHiveNeverTheProcess) {
     for (const auto& r : rows) EXPECT_EQ(r.expected, Ask(manager, user.Sid(), r.variable)) << "answered from what was read: " << r.name;
 }
 
-TEST(SecondUserManager, ProfileCreatedAfterTheListWasRead) {
+// A profile created after the list was read is found; its hive file, while it
+// cannot be loaded (held open, as while its user logs off), is tried again on
+// the next question.
+TEST(SecondUserManager, LateProfileAndFailedLoadIsRetried) {
     CMultiUserRegManager manager;
     const std::vector<std::wstring> before = manager.GetUserSids();
     SecondUserProfile user;
     ASSERT_TRUE(user.Ready()) << Narrow(user.Error());
     for (const auto& sid : before) EXPECT_NE(user.Sid(), sid);
     EXPECT_TRUE(manager.HasUser(user.Sid().c_str()));
-    EXPECT_EQ(user.Temp(), Ask(manager, user.Sid(), L"TEMP"));
-    const std::vector<std::wstring> after = manager.GetUserSids();
-    EXPECT_EQ(before.size() + 1, after.size());
-}
-
-// A hive file that cannot be loaded (held open, as while its user logs off)
-// is tried again on the next question.
-TEST(SecondUserManager, FailedLoadIsRetriedOnTheNextQuestion) {
-    SecondUserProfile user;
-    ASSERT_TRUE(user.Ready()) << Narrow(user.Error());
-    CMultiUserRegManager manager;
     {
         kwtest::ScopedSink cap;
-        HANDLE locked = CreateFileW((user.Profile() + L"\\NTUSER.dat").c_str(), GENERIC_READ, 0,
-                                    nullptr, OPEN_EXISTING, 0, nullptr);
-        ASSERT_NE(INVALID_HANDLE_VALUE, locked);
+        kw::unique_file locked(CreateFileW((user.Profile() + L"\\NTUSER.dat").c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr));
+        ASSERT_TRUE(locked);
         EXPECT_EQ(L"<failed>", Ask(manager, user.Sid(), L"TEMP"));
-        CloseHandle(locked);
         EXPECT_TRUE(cap.sink.Has(L"[CUserRegHelper::LoadHive] RegLoadKeyW"));
     }
     EXPECT_EQ(user.Temp(), Ask(manager, user.Sid(), L"TEMP"));
     EXPECT_FALSE(SecondUserProfile::IsLoaded(user.Sid()));
+    EXPECT_EQ(before.size() + 1, manager.GetUserSids().size());
 }
 
 TEST(SecondUserManager, HiveAlreadyUnderUsersIsReadThereAndLeftLoaded) {
@@ -117,17 +108,6 @@ TEST(SecondUserManager, HiveAlreadyUnderUsersIsReadThereAndLeftLoaded) {
     }
     EXPECT_TRUE(kwtest::RegKeyExists(HKEY_USERS, user.Sid() + L"\\Environment"))
         << "a hive the manager did not load stays";
-}
-
-TEST(SecondUserManager, ProfileWithoutHiveAnswersOnlyTheProfile) {
-    SecondUserProfile user(SecondUserProfile::Hive::None);
-    ASSERT_TRUE(user.Ready()) << Narrow(user.Error());
-    kwtest::ScopedSink cap;
-    CMultiUserRegManager manager;
-    EXPECT_EQ(user.Profile(), Ask(manager, user.Sid(), L"USERPROFILE"));
-    EXPECT_EQ(L"<failed>", Ask(manager, user.Sid(), L"TEMP"));
-    EXPECT_TRUE(cap.sink.Has(L"[CUserRegHelper::LoadHive] no hive file"));
-    EXPECT_TRUE(cap.sink.Has(L"[CMultiUserRegManager::GetSpecialShellVariableBySid]"));
 }
 
 // ---------------------------------------------------------------------------
@@ -220,9 +200,19 @@ TEST(SidText, Recognised) {
     for (const auto& r : rows) EXPECT_EQ(r.sid, kw_user::IsSidText(r.text)) << r.name;
 }
 
-TEST(ProfileImagePath, ExpandedWithoutTrailingSeparator) {
+// A profile without a hive answers only the profile folder; its path is read
+// expanded and without a trailing separator.
+TEST(ProfileImagePath, ProfileWithoutHiveAndTrailingSeparator) {
     SecondUserProfile user(SecondUserProfile::Hive::None);
     ASSERT_TRUE(user.Ready()) << Narrow(user.Error());
+    {
+        kwtest::ScopedSink cap;
+        CMultiUserRegManager manager;
+        EXPECT_EQ(user.Profile(), Ask(manager, user.Sid(), L"USERPROFILE"));
+        EXPECT_EQ(L"<failed>", Ask(manager, user.Sid(), L"TEMP"));
+        EXPECT_TRUE(cap.sink.Has(L"[CUserRegHelper::LoadHive] no hive file"));
+        EXPECT_TRUE(cap.sink.Has(L"[CMultiUserRegManager::GetSpecialShellVariableBySid]"));
+    }
     std::wstring path;
     bool exists = false;
     EXPECT_TRUE(kw_user::ReadProfileImagePath(user.Sid(), path, &exists));
