@@ -48,32 +48,12 @@ void ExpectLines(const std::vector<std::wstring>& patterns, const std::vector<st
 }
 
 // ---------------------------------------------------------------------------
-// LoadParseRules: always true, with its success or failure line.
-
-TEST(LoadParseRules, ResultLinesForEachKindOfText) {
-    const struct {
-        const char* name;
-        std::string text;
-        std::vector<int32_t> ids;
-        std::vector<std::wstring> lines;
-    } rows[] = {
-        {"valid text", kOneRule, {5}, {kOneRuleLine, LINE_SUCCESS}},
-        {"one invalid and one valid rule", kHalfValid, {2}, kHalfValidLines},
-        {"empty text", "", {}, {LINE_EMPTY, LINE_FAIL}},
-        {"unparsable text", "{\"RegParseConfig\":[", {},
-         {L"[kwRegAnalyze][ERROR][ConfigRuleParse::Json2RuleArry] ConfigRuleParse::Json2RuleArry parse json error=3, offset=19",
-          LINE_FAIL}},
-        {"no rule array", "{}", {}, {LINE_SUCCESS}},
-    };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.name);
-        ScopedSink cap;
+// LoadParseRules answers true whatever the text; its lines and table for each
+// kind of text are checked through the engine's Init below.
+TEST(LoadParseRules, TrueEvenForBadTexts) {
+    for (const std::string& text : {kOneRule, std::string(), std::string("{\"RegParseConfig\":["), kHalfValid}) {
         RuleTable table;
-        EXPECT_TRUE(CAnalizyOperate::LoadParseRules(table, row.text));
-        std::vector<int32_t> ids;
-        for (const auto& kv : table) ids.push_back(kv.first);
-        EXPECT_EQ(row.ids, ids);
-        ExpectLines(row.lines, cap.Texts());
+        EXPECT_TRUE(CAnalizyOperate::LoadParseRules(table, text)) << text;
     }
 }
 
