@@ -42,27 +42,25 @@ std::vector<std::wstring> ServersOf(const CEasyClsid& c) {
 // ---------------------------------------------------------------------------
 // Where a class is registered, and which servers it has.
 
-struct RegistrationRow {
-    const char* name;
-    const wchar_t* userInproc;     // null: no such server key
-    const wchar_t* userLocal;
-    const wchar_t* machineInproc;
-    const wchar_t* machineLocal;
-    bool userClassKey;             // create the per-user class key
-    bool machineClassKey;          // create the per-machine class key
-    bool passSid;
-    BOOL expectedFound;
-    DWORD expectedRoot;
-    std::vector<std::wstring> expected;
-};
-
 const wchar_t kUserDll[] = L"C:\\Users\\kw\\AppData\\user.dll";
 const wchar_t kUserExe[] = L"\"C:\\Users\\kw\\AppData\\user.exe\" /automation";
 const wchar_t kMachineDll[] = L"%SystemRoot%\\system32\\machine.dll";
 const wchar_t kMachineExe[] = L"C:\\Program Files\\kw\\machine.exe -Embedding";
 
 TEST(CEasyClsidRegistration, FindsServersInOrder) {
-    const RegistrationRow rows[] = {
+    const struct {
+        const char* name;
+        const wchar_t* userInproc;  // null: no such server key
+        const wchar_t* userLocal;
+        const wchar_t* machineInproc;
+        const wchar_t* machineLocal;
+        bool userClassKey;     // create the per-user class key
+        bool machineClassKey;  // create the per-machine class key
+        bool passSid;
+        BOOL expectedFound;
+        DWORD expectedRoot;
+        std::vector<std::wstring> expected;
+    } rows[] = {
         {"per-user and per-machine: user servers first, root HKLM", kUserDll, kUserExe, kMachineDll, kMachineExe, true, true, true, 1,
          kMachine, {Inproc(kUsers, kUserDll), Local(kUsers, kUserExe), Inproc(kMachine, kMachineDll), Local(kMachine, kMachineExe)}},
         {"per-user only: root HKU", kUserDll, kUserExe, nullptr, nullptr, true, false, true, 1, kUsers,
@@ -76,7 +74,7 @@ TEST(CEasyClsidRegistration, FindsServersInOrder) {
     };
     const std::wstring sid = kwtest::CurrentUserSid();
     ASSERT_FALSE(sid.empty());
-    for (const RegistrationRow& r : rows) {
+    for (const auto& r : rows) {
         SCOPED_TRACE(r.name);
         const std::wstring clsid = FreshClsid();
         std::vector<std::unique_ptr<ClassRegistration>> regs;

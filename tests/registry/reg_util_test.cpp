@@ -223,16 +223,12 @@ TEST(CEnumKey, SubKeysThenTheEnd) {
 // a longer name (Wine accepts 256 characters) makes the buffer grow.
 TEST(CEnumKey, LongNamesComeBackWhole) {
     TempRegKey key(HKEY_CURRENT_USER, L"Software");
-    struct Row {
-        const char* name;
-        size_t length;
-    } rows[] = {{"254 characters", 254}, {"255 characters", 255}, {"256 characters", 256}};
-    for (const Row& row : rows) {
-        SCOPED_TRACE(row.name);
-        std::wstring sub = key.Path() + L"\\" + std::to_wstring(row.length);
-        std::wstring longName(row.length, L'n');
+    for (size_t length : {254u, 255u, 256u}) {
+        SCOPED_TRACE(length);
+        std::wstring sub = key.Path() + L"\\" + std::to_wstring(length);
+        std::wstring longName(length, L'n');
         if (!kwtest::RegCreate(HKEY_CURRENT_USER, sub + L"\\" + longName)) {
-            ASSERT_GT(row.length, 255u) << "the registry must accept names up to 255 characters";
+            ASSERT_GT(length, 255u) << "the registry must accept names up to 255 characters";
             continue;  // this registry refuses longer names: nothing to enumerate
         }
         CEnumKey e(HKEY_CURRENT_USER, sub.c_str(), 0);
