@@ -92,10 +92,10 @@ TEST(Json2RuleArry, TableResultAndLines) {
     const ParseRow rows[] = {
         Accepted("valid rule with value name", kValid5, RegRule{5, 5, 1, 1, HKLM, L"Software\\x", L"v"},
                  L"parseID:5 FunctionID:5 CheckID:1 HKEY:HKEY_LOCAL_MACHINE SubKey:Software\\x value:v"),
-        Accepted("valid rule with parameter",
-                 Rules(R"({"ParseID":6,"FunctionID":1,"RegRootkey":2147483651,"RegSubkey":"S\\y","RegValueName":"Run","Parameter1":"p q"})"),
-                 RegRule{6, 1, 0, 1, HKU, L"S\\y", L"Run", L"p q"},
-                 L"parseID:6 FunctionID:1 CheckID:0 HKEY:HKEY_USERS SubKey:S\\y value:Run Parameter1:p q(3)"),
+        Accepted("valid rule with a parameter, percent signs are printed as they are",
+                 Rules(R"({"ParseID":6,"FunctionID":1,"RegRootkey":2147483651,"RegSubkey":"S\\y","RegValueName":"v","Parameter1":"%s %n"})"),
+                 RegRule{6, 1, 0, 1, HKU, L"S\\y", L"v", L"%s %n"},
+                 L"parseID:6 FunctionID:1 CheckID:0 HKEY:HKEY_USERS SubKey:S\\y value:v Parameter1:%s %n(5)"),
         Accepted("root key given without value name, the highest CheckID",
                  Rules(R"({"ParseID":8,"FunctionID":2,"CheckID":2,"RegRootkey":2147483651,"RegSubkey":"S\\y","Parameter1":"x"})"),
                  RegRule{8, 2, 2, 0, HKU, L"S\\y", L"", L"x"}, L"parseID:8 FunctionID:2 CheckID:2 HKEY:HKEY_USERS SubKey:S\\y"),
@@ -126,11 +126,15 @@ TEST(Json2RuleArry, TableResultAndLines) {
         Rejected("HKEY_LOCAL_MACHINE without sub-key is rejected",
                  Rules(R"({"ParseID":9,"FunctionID":1,"RegRootkey":2147483650,"RegValueName":"v","Parameter1":"p"})"),
                  L"9", L"parseID:9 FunctionID:1 CheckID:0 HKEY:HKEY_LOCAL_MACHINE SubKey:"),
-        Rejected("CheckID 3 is rejected", Rules(R"({"ParseID":5,"FunctionID":5,"CheckID":3})"), L"5", L"parseID:5 FunctionID:5 CheckID:3 "),
+        Rejected("CheckID 3 is rejected, its line with sub-key and value name",
+                 Rules(R"({"ParseID":5,"FunctionID":5,"CheckID":3,"RegRootkey":2147483651,"RegSubkey":"S","RegValueName":"v"})"), L"5",
+                 L"parseID:5 FunctionID:5 CheckID:3 HKEY:HKEY_USERS SubKey:S value:v"),
         Rejected("negative CheckID is rejected as a large unsigned number", Rules(R"({"ParseID":5,"FunctionID":5,"CheckID":-1})"), L"5",
                  L"parseID:5 FunctionID:5 CheckID:-1 "),
         Rejected("ParseID 0 is rejected", Rules(R"({"ParseID":0,"FunctionID":5})"), L"0", L"parseID:0 FunctionID:5 CheckID:0 "),
-        Rejected("FunctionID -1 is rejected", Rules(R"({"ParseID":5,"FunctionID":-1})"), L"5", L"parseID:5 FunctionID:-1 CheckID:0 "),
+        Rejected("FunctionID -1 is rejected, its line with every field and percent signs as they are",
+                 Rules(R"({"ParseID":5,"FunctionID":-1,"RegRootkey":2147483650,"RegSubkey":"%s%d","RegValueName":"%n","Parameter1":"%%"})"),
+                 L"5", L"parseID:5 FunctionID:-1 CheckID:0 HKEY:HKEY_LOCAL_MACHINE SubKey:%s%d value:%n Parameter1:%%"),
         Rejected("floating ParseID is not an integer", Rules(R"({"ParseID":5.0,"FunctionID":5})"), L"0",
                  L"parseID:0 FunctionID:5 CheckID:0 "),
         {"invalid rule does not stop the following ones", Rules(R"({"ParseID":1,"FunctionID":1,"CheckID":3},{"ParseID":2,"FunctionID":2})"),
@@ -328,35 +332,6 @@ TEST(TranslateSubkey, Rewrites) {
         std::vector<std::wstring> lines;
         if (row.expected != row.subkey) lines.push_back(LINE_SUBKEY L"TranslateSubkey old=" + row.subkey + L" New= " + row.expected);
         EXPECT_EQ(lines, cap.Texts());
-    }
-}
-
-// ---------------------------------------------------------------------------
-// The two rule trace operations where the rule texts above do not reach them:
-// the plain line, then the indexed line "[3]" + plain + the indexed suffix.
-
-TEST(PrintRule, Lines) {
-    const struct {
-        const char* name;
-        RegRule rule;
-        std::wstring plain;
-        std::wstring indexedSuffix;
-    } rows[] = {
-        {"root and value name without sub-key", RegRule{1, 2, 1, 1, HKU, L"", L"v", L"p"},
-         L"parseID:1 FunctionID:2 CheckID:1 HKEY:HKEY_USERS SubKey:", L""},
-        {"sub-key and value name without parameter", RegRule{1, 2, 1, 1, HKU, L"S", L"v"},
-         L"parseID:1 FunctionID:2 CheckID:1 HKEY:HKEY_USERS SubKey:S value:v", L""},
-        {"every field", RegRule{1, 2, 1, 1, HKLM, L"S", L"v", L"p1"},
-         L"parseID:1 FunctionID:2 CheckID:1 HKEY:HKEY_LOCAL_MACHINE SubKey:S value:v Parameter1:p1", L"(2)"},
-        {"percent signs in text are printed as they are", RegRule{1, 2, 0, 1, HKLM, L"%s\\%d", L"%n", L"%%"},
-         L"parseID:1 FunctionID:2 CheckID:0 HKEY:HKEY_LOCAL_MACHINE SubKey:%s\\%d value:%n Parameter1:%%", L"(2)"},
-    };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.name);
-        ScopedSink cap;
-        ConfigRuleParse().PRINTF_REGRULE(row.rule);
-        ConfigRuleParse().PRINTF_REGRULE_EX(3, row.rule);
-        EXPECT_EQ((std::vector<std::wstring>{LINE_RULE + row.plain, LINE_EX L"[3]" + row.plain + row.indexedSuffix}), cap.Texts());
     }
 }
 
