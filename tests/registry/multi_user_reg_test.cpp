@@ -111,31 +111,16 @@ TEST(SecondUserManager, HiveAlreadyUnderUsersIsReadThereAndLeftLoaded) {
 }
 
 // ---------------------------------------------------------------------------
-// The user this test runs as: Wine keeps that user's hive loaded.
-TEST(CurrentUserManager, AnswersFromTheLoadedHiveAndLeavesIt) {
-    const std::wstring sid = kwtest::CurrentUserSid();
-    ASSERT_FALSE(sid.empty());
-    {
-        CMultiUserRegManager manager;
-        EXPECT_EQ(EnvText(L"USERPROFILE"), Ask(manager, sid, L"USERPROFILE"));
-        EXPECT_EQ(EnvText(L"TEMP"), Ask(manager, sid, L"TEMP"));
-        EXPECT_EQ(EnvText(L"TMP"), Ask(manager, sid, L"tmp"));
-        EXPECT_EQ(EnvText(L"APPDATA"), Ask(manager, sid, L"APPDATA"));
-        EXPECT_EQ(EnvText(L"LOCALAPPDATA"), Ask(manager, sid, L"Local AppData"));
-        const std::vector<std::wstring> sids = manager.GetUserSids();
-        EXPECT_NE(sids.end(), std::find(sids.begin(), sids.end(), kwtest::Upper(sid)));
-        EXPECT_TRUE(manager.HasUser(sid.c_str()));
-    }
-    EXPECT_TRUE(kwtest::RegKeyExists(HKEY_USERS, sid)) << "the logged-on user's hive stays";
-}
-
-TEST(Refusals, FailWithEmptyOutput) {
+// The user this test runs as: Wine keeps that user's hive loaded. Questions
+// that cannot be answered fail with an empty output.
+TEST(CurrentUserManager, AnswersFromTheLoadedHiveAndLeavesItRefusesTheRest) {
     const std::wstring me = kwtest::CurrentUserSid();
+    ASSERT_FALSE(me.empty());
     const struct {
         const char* name;
         const wchar_t* sid;
         const wchar_t* variable;
-    } rows[] = {
+    } refusals[] = {
         {"null SID", nullptr, L"TEMP"},
         {"empty SID", L"", L"TEMP"},
         {"null name", me.c_str(), nullptr},
@@ -143,15 +128,26 @@ TEST(Refusals, FailWithEmptyOutput) {
         {"SID not in ProfileList", L"S-1-5-21-9-9-9-424242", L"TEMP"},
         {"SID text with a path", L"S-1-5-21-1\\..\\.Default", L"TEMP"},
     };
-    CMultiUserRegManager manager;
-    for (const auto& r : rows) {
-        wchar_t out[MAX_PATH] = L"stale";
-        EXPECT_FALSE(manager.GetSpecialShellVariableBySid(r.sid, r.variable, out)) << r.name;
-        EXPECT_EQ(std::wstring(), out) << r.name;
+    {
+        CMultiUserRegManager manager;
+        EXPECT_EQ(EnvText(L"USERPROFILE"), Ask(manager, me, L"USERPROFILE"));
+        EXPECT_EQ(EnvText(L"TEMP"), Ask(manager, me, L"TEMP"));
+        EXPECT_EQ(EnvText(L"TMP"), Ask(manager, me, L"tmp"));
+        EXPECT_EQ(EnvText(L"APPDATA"), Ask(manager, me, L"APPDATA"));
+        EXPECT_EQ(EnvText(L"LOCALAPPDATA"), Ask(manager, me, L"Local AppData"));
+        const std::vector<std::wstring> sids = manager.GetUserSids();
+        EXPECT_NE(sids.end(), std::find(sids.begin(), sids.end(), kwtest::Upper(me)));
+        EXPECT_TRUE(manager.HasUser(me.c_str()));
+        for (const auto& r : refusals) {
+            wchar_t out[MAX_PATH] = L"stale";
+            EXPECT_FALSE(manager.GetSpecialShellVariableBySid(r.sid, r.variable, out)) << r.name;
+            EXPECT_EQ(std::wstring(), out) << r.name;
+        }
+        EXPECT_FALSE(manager.GetSpecialShellVariableBySid(me.c_str(), L"TEMP", nullptr)) << "no output buffer";
+        EXPECT_FALSE(manager.HasUser(nullptr));
+        EXPECT_FALSE(manager.HasUser(L"S-1-5-21-9-9-9-424242"));
     }
-    EXPECT_FALSE(manager.GetSpecialShellVariableBySid(me.c_str(), L"TEMP", nullptr)) << "no output buffer";
-    EXPECT_FALSE(manager.HasUser(nullptr));
-    EXPECT_FALSE(manager.HasUser(L"S-1-5-21-9-9-9-424242"));
+    EXPECT_TRUE(kwtest::RegKeyExists(HKEY_USERS, me)) << "the logged-on user's hive stays";
 }
 
 // ---------------------------------------------------------------------------
@@ -220,8 +216,7 @@ TEST(ProfileImagePath, ProfileWithoutHiveAndTrailingSeparator) {
     EXPECT_EQ(user.Profile(), path);
 
     const std::wstring key = std::wstring(SecondUserProfile::kProfileList) + L"\\" + user.Sid();
-    ASSERT_TRUE(
-        kwtest::RegSetSz(HKEY_LOCAL_MACHINE, key, L"ProfileImagePath", user.Profile() + L"\\"));
+    ASSERT_TRUE(kwtest::RegSetSz(HKEY_LOCAL_MACHINE, key, L"ProfileImagePath", user.Profile() + L"\\"));
     EXPECT_TRUE(kw_user::ReadProfileImagePath(user.Sid(), path));
     EXPECT_EQ(user.Profile(), path);
 

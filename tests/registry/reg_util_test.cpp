@@ -45,7 +45,8 @@ TEST(RegReadExpandedString, ReadsCutsAndExpands) {
         std::vector<BYTE> data;
         bool expectedOk;
         std::wstring expected;
-        bool multi = false;  // read with RegReadMultiString
+        bool multi = false;        // read with RegReadMultiString
+        const wchar_t* read = L"v";  // the value read; "v" is the one written
     } rows[] = {
         {"REG_SZ of 519 characters is kept whole", REG_SZ, WideBytes(chars(519), true), true, chars(519)},
         {"REG_SZ of 520 characters is cut to 519", REG_SZ, WideBytes(chars(520), true), true, chars(519)},
@@ -66,6 +67,7 @@ TEST(RegReadExpandedString, ReadsCutsAndExpands) {
         {"one byte of data reads as empty text", REG_SZ, {'a'}, true, L""},
         {"REG_DWORD is refused", REG_DWORD, {1, 0, 0, 0}, false, L""},
         {"REG_BINARY is refused", REG_BINARY, WideBytes(L"abc", true), false, L""},
+        {"missing value", REG_SZ, WideBytes(L"abc", true), false, L"", false, L"absent"},
         {"multi: two strings with both terminators", REG_MULTI_SZ, WideBytes(std::wstring(L"a.exe\0b.exe\0", 12), true), true,
          std::wstring(L"a.exe\0b.exe", 11), true},
         {"multi: final list NUL missing", REG_MULTI_SZ, WideBytes(std::wstring(L"a.exe\0b.exe", 11), true), true,
@@ -78,6 +80,7 @@ TEST(RegReadExpandedString, ReadsCutsAndExpands) {
         {"multi: REG_EXPAND_SZ is not expanded", REG_EXPAND_SZ, WideBytes(L"%KWTEST_REGUTIL_SHORT%", true), true,
          L"%KWTEST_REGUTIL_SHORT%", true},
         {"multi: REG_DWORD is refused", REG_DWORD, {7, 0, 0, 0}, false, L"", true},
+        {"multi: missing value", REG_MULTI_SZ, WideBytes(L"abc", true), false, L"", true, L"absent"},
     };
     TempRegKey key(HKEY_CURRENT_USER, L"Software");
     const wchar_t* path = key.Path().c_str();
@@ -85,26 +88,19 @@ TEST(RegReadExpandedString, ReadsCutsAndExpands) {
         SCOPED_TRACE(r.name);
         ASSERT_TRUE(kwtest::RegSetRaw(HKEY_CURRENT_USER, key.Path(), L"v", r.type, r.data.data(), static_cast<DWORD>(r.data.size())));
         std::wstring out = L"stale";
-        EXPECT_EQ(r.expectedOk, r.multi ? RegReadMultiString(HKEY_CURRENT_USER, path, L"v", KEY_WOW64_64KEY, out)
-                                        : RegReadExpandedString(HKEY_CURRENT_USER, path, L"v", KEY_WOW64_64KEY, out));
+        EXPECT_EQ(r.expectedOk, r.multi ? RegReadMultiString(HKEY_CURRENT_USER, path, r.read, KEY_WOW64_64KEY, out)
+                                        : RegReadExpandedString(HKEY_CURRENT_USER, path, r.read, KEY_WOW64_64KEY, out));
         EXPECT_EQ(r.expected.size(), out.size());
         EXPECT_EQ(r.expected, out);
     }
 }
 
-// A missing value or key reads as nothing; the default value is read with a
-// null name; an empty or null sub-key reads from the root handle itself.
-TEST(RegReadExpandedString, MissingValueKeyDefaultValueAndRootHandle) {
+// A missing key reads as nothing; the default value is read with a null name;
+// an empty or null sub-key reads from the root handle itself.
+TEST(RegReadExpandedString, MissingKeyDefaultValueAndRootHandle) {
     TempRegKey key(HKEY_CURRENT_USER, L"Software");
-    const std::wstring missingKey = key.Path() + L"\\absent";
     std::wstring out = L"stale";
-    EXPECT_FALSE(RegReadExpandedString(HKEY_CURRENT_USER, key.Path().c_str(), L"absent", KEY_WOW64_64KEY, out));
-    EXPECT_TRUE(out.empty());
-    out = L"stale";
-    EXPECT_FALSE(RegReadExpandedString(HKEY_CURRENT_USER, missingKey.c_str(), L"v", KEY_WOW64_64KEY, out));
-    EXPECT_TRUE(out.empty());
-    out = L"stale";
-    EXPECT_FALSE(RegReadMultiString(HKEY_CURRENT_USER, key.Path().c_str(), L"absent", KEY_WOW64_64KEY, out));
+    EXPECT_FALSE(RegReadExpandedString(HKEY_CURRENT_USER, (key.Path() + L"\\absent").c_str(), L"v", KEY_WOW64_64KEY, out));
     EXPECT_TRUE(out.empty());
 
     ASSERT_TRUE(kwtest::RegSetSz(HKEY_CURRENT_USER, key.Path(), L"", L"default text"));
@@ -156,7 +152,7 @@ TEST(IsWow6432NodePath, Classifies) {
         {"HKLM 32-bit software run key", HKEY_LOCAL_MACHINE, L"SOFTWARE\\Wow6432Node\\Microsoft\\Windows\\CurrentVersion\\Run", true},
         {"HKLM node key itself at the end", HKEY_LOCAL_MACHINE, L"SOFTWARE\\Wow6432Node", true},
         {"HKLM leading backslash is ignored", HKEY_LOCAL_MACHINE, L"\\SOFTWARE\\Wow6432Node\\x", true},
-        {"HKLM 32-bit machine classes", HKEY_LOCAL_MACHINE, L"Software\\Classes\\Wow6432Node\\CLSID\\{0123ABCD-4567-89EF-ABCD-0123456789EF}", true},
+        {"HKLM 32-bit machine classes", HKEY_LOCAL_MACHINE, L"Software\\Classes\\Wow6432Node\\CLSID\\{0123ABCD}", true},
         {"HKLM Wow6432NodeX is another key", HKEY_LOCAL_MACHINE, L"SOFTWARE\\Wow6432NodeX\\x", false},
         {"HKLM Wow6432Nod is too short", HKEY_LOCAL_MACHINE, L"SOFTWARE\\Wow6432Nod\\x", false},
         {"HKLM SoftwareX is another key", HKEY_LOCAL_MACHINE, L"SoftwareX\\Wow6432Node\\x", false},
@@ -164,7 +160,7 @@ TEST(IsWow6432NodePath, Classifies) {
         {"HKLM node below CLSID is an ordinary key", HKEY_LOCAL_MACHINE, L"Software\\Classes\\CLSID\\Wow6432Node", false},
         {"HKLM software key alone", HKEY_LOCAL_MACHINE, L"SOFTWARE", false},
         {"HKLM null path", HKEY_LOCAL_MACHINE, nullptr, false},
-        {"HKCU 32-bit user classes", HKEY_CURRENT_USER, L"Software\\Classes\\Wow6432Node\\CLSID\\{0123ABCD-4567-89EF-ABCD-0123456789EF}", true},
+        {"HKCU 32-bit user classes", HKEY_CURRENT_USER, L"Software\\Classes\\Wow6432Node\\CLSID\\{0123ABCD}", true},
         {"HKCU classes node lower case at the end", HKEY_CURRENT_USER, L"software\\classes\\wow6432node", true},
         {"HKCU software node is a shared ordinary key", HKEY_CURRENT_USER, L"Software\\Wow6432Node\\Microsoft", false},
         {"HKU user classes node", HKEY_USERS, L"S-1-5-21-1-2-3-1000\\Software\\Classes\\Wow6432Node\\CLSID", true},
@@ -173,7 +169,7 @@ TEST(IsWow6432NodePath, Classifies) {
         {"HKU software node is a shared ordinary key", HKEY_USERS, L"S-1-5-21-1-2-3-1000\\Software\\Wow6432Node\\x", false},
         {"HKCR node", HKEY_CLASSES_ROOT, L"Wow6432Node\\CLSID\\{0123ABCD-4567-89EF-ABCD-0123456789EF}", true},
         {"HKCR native CLSID", HKEY_CLASSES_ROOT, L"CLSID\\{0123ABCD-4567-89EF-ABCD-0123456789EF}", false},
-        {"root carried as the value 0x80000002", reinterpret_cast<HKEY>(static_cast<ULONG_PTR>(0x80000002)), L"SOFTWARE\\Wow6432Node\\x", true},
+        {"root carried as the value 0x80000002", reinterpret_cast<HKEY>(ULONG_PTR{0x80000002}), L"SOFTWARE\\Wow6432Node\\x", true},
     };
     for (const NodeRow& r : rows) EXPECT_EQ(r.expected, IsWow6432NodePath(r.root, r.subKey)) << r.name;
 }
