@@ -271,9 +271,8 @@ TEST(Json2RuleArryBadInput, ManyRulesAndHugeStrings) {
     ASSERT_EQ(static_cast<size_t>(count + 1), table.size());
     EXPECT_EQ(L"k100000", table.at(count).RegSubkey);
     const RegRule& huge = table.at(count + 1);
-    EXPECT_EQ(big.size(), huge.RegSubkey.size());
-    EXPECT_EQ(big.size(), huge.RegValueName.size());
-    EXPECT_EQ(big.size(), huge.Parameter1.size());
+    EXPECT_EQ((std::vector<size_t>{big.size(), big.size(), big.size()}),
+              (std::vector<size_t>{huge.RegSubkey.size(), huge.RegValueName.size(), huge.Parameter1.size()}));
     EXPECT_EQ(static_cast<size_t>(count + 1), cap.Texts().size());
 }
 

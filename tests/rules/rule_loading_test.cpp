@@ -40,11 +40,10 @@ const std::vector<std::wstring> kHalfValidLines = {
 const std::string kOtherRule = R"({"RegParseConfig":[{"ParseID":9,"FunctionID":9}]})";
 
 // Every recorded line against its pattern ("{n}" for an unknown number).
-void ExpectLines(const std::vector<std::wstring>& patterns, const std::vector<std::wstring>& lines) {
-    ASSERT_EQ(patterns.size(), lines.size());
-    for (size_t i = 0; i < lines.size(); ++i)
-        EXPECT_TRUE(LineMatches(lines[i], patterns[i])) << "line " << i << ":\n  " << testing::PrintToString(lines[i])
-                                                        << "\npattern\n  " << testing::PrintToString(patterns[i]);
+void ExpectLines(const std::vector<std::wstring>& want, const std::vector<std::wstring>& got) {
+    ASSERT_EQ(want.size(), got.size()) << testing::PrintToString(got);
+    for (size_t i = 0; i < got.size(); ++i)
+        EXPECT_TRUE(LineMatches(got[i], want[i])) << testing::PrintToString(got[i]) << "\n vs " << testing::PrintToString(want[i]);
 }
 
 // ---------------------------------------------------------------------------
