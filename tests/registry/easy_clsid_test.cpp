@@ -5,7 +5,6 @@
 #include "support/kit.h"
 
 #include <gtest/gtest.h>
-#include <objbase.h>
 
 #include <memory>
 #include <string>

@@ -5,7 +5,6 @@
 
 #include "common/handle.h"
 #include "support/control_set_select.h"
-#include "support/kit.h"
 #include "support/trace_capture.h"
 
 #include <gtest/gtest.h>
