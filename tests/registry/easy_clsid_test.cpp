@@ -5,10 +5,8 @@
 #include "support/kit.h"
 
 #include <gtest/gtest.h>
-#include <objbase.h>
 
 #include <memory>
-#include <ostream>
 #include <string>
 #include <utility>
 #include <vector>
@@ -27,40 +25,21 @@ std::wstring UserClassPath(const std::wstring& sid, const std::wstring& clsid, b
 }
 std::wstring MachineClassPath(const std::wstring& clsid) { return L"Software\\Classes\\CLSID\\" + clsid; }
 
-struct Server {
-    std::wstring path;
-    std::wstring keyName;
-    DWORD root;
-    bool operator==(const Server& o) const { return path == o.path && keyName == o.keyName && root == o.root; }
-};
-
-std::vector<Server> ServersOf(const CEasyClsid& c) {
-    std::vector<Server> out;
-    for (const ClsidServer& s : c.Servers()) out.push_back(Server{s.path, s.keyName, s.reserved});
-    return out;
+// A server as "<key name> <root> <path>", readable in a failure message.
+std::wstring Server(const std::wstring& keyName, DWORD root, const std::wstring& path) {
+    return keyName + L" " + std::to_wstring(root) + L" " + path;
 }
+std::wstring Inproc(DWORD root, const std::wstring& path) { return Server(L"InprocServer32", root, path); }
+std::wstring Local(DWORD root, const std::wstring& path) { return Server(L"LocalServer32", root, path); }
 
-void PrintTo(const Server& s, std::ostream* os) {
-    *os << "{" << ::testing::PrintToString(s.path) << ", " << ::testing::PrintToString(s.keyName) << ", 0x" << std::hex
-        << s.root << "}";
+std::vector<std::wstring> ServersOf(const CEasyClsid& c) {
+    std::vector<std::wstring> out;
+    for (const ClsidServer& s : c.Servers()) out.push_back(Server(s.keyName, s.reserved, s.path));
+    return out;
 }
 
 // ---------------------------------------------------------------------------
 // Where a class is registered, and which servers it has.
-
-struct RegistrationRow {
-    const char* name;
-    const wchar_t* userInproc;     // null: no such server key
-    const wchar_t* userLocal;
-    const wchar_t* machineInproc;
-    const wchar_t* machineLocal;
-    bool userClassKey;             // create the per-user class key
-    bool machineClassKey;          // create the per-machine class key
-    bool passSid;
-    BOOL expectedFound;
-    DWORD expectedRoot;
-    std::vector<Server> expected;
-};
 
 const wchar_t kUserDll[] = L"C:\\Users\\kw\\AppData\\user.dll";
 const wchar_t kUserExe[] = L"\"C:\\Users\\kw\\AppData\\user.exe\" /automation";
@@ -68,28 +47,33 @@ const wchar_t kMachineDll[] = L"%SystemRoot%\\system32\\machine.dll";
 const wchar_t kMachineExe[] = L"C:\\Program Files\\kw\\machine.exe -Embedding";
 
 TEST(CEasyClsidRegistration, FindsServersInOrder) {
-    const RegistrationRow rows[] = {
-        {"per-user and per-machine: user servers first, root HKLM", kUserDll, kUserExe, kMachineDll, kMachineExe,
-            true, true, true, 1, kMachine,
-            {{kUserDll, L"InprocServer32", kUsers}, {kUserExe, L"LocalServer32", kUsers},
-             {kMachineDll, L"InprocServer32", kMachine}, {kMachineExe, L"LocalServer32", kMachine}}},
+    const struct {
+        const char* name;
+        const wchar_t* userInproc;  // null: no such server key
+        const wchar_t* userLocal;
+        const wchar_t* machineInproc;
+        const wchar_t* machineLocal;
+        bool userClassKey;     // create the per-user class key
+        bool machineClassKey;  // create the per-machine class key
+        bool passSid;
+        BOOL expectedFound;
+        DWORD expectedRoot;
+        std::vector<std::wstring> expected;
+    } rows[] = {
+        {"per-user and per-machine: user servers first, root HKLM", kUserDll, kUserExe, kMachineDll, kMachineExe, true, true, true, 1,
+         kMachine, {Inproc(kUsers, kUserDll), Local(kUsers, kUserExe), Inproc(kMachine, kMachineDll), Local(kMachine, kMachineExe)}},
         {"per-user only: root HKU", kUserDll, kUserExe, nullptr, nullptr, true, false, true, 1, kUsers,
-            {{kUserDll, L"InprocServer32", kUsers}, {kUserExe, L"LocalServer32", kUsers}}},
-        {"per-user only but no SID given: not found", kUserDll, kUserExe, nullptr, nullptr, true, false, false, 0,
-            kMachine, {}},
-        {"both but no SID given: machine servers only", kUserDll, kUserExe, kMachineDll, kMachineExe, true, true,
-            false, 1, kMachine,
-            {{kMachineDll, L"InprocServer32", kMachine}, {kMachineExe, L"LocalServer32", kMachine}}},
-        {"LocalServer32 only", nullptr, nullptr, nullptr, kMachineExe, false, true, true, 1, kMachine,
-            {{kMachineExe, L"LocalServer32", kMachine}}},
-        {"user class key without servers: found under HKU", nullptr, nullptr, nullptr, nullptr, true, false, true,
-            1, kUsers, {}},
-        {"nothing registered: not found, root HKLM", nullptr, nullptr, nullptr, nullptr, false, false, true, 0,
-            kMachine, {}},
+         {Inproc(kUsers, kUserDll), Local(kUsers, kUserExe)}},
+        {"per-user only but no SID given: not found", kUserDll, kUserExe, nullptr, nullptr, true, false, false, 0, kMachine, {}},
+        {"both but no SID given: machine servers only", kUserDll, kUserExe, kMachineDll, kMachineExe, true, true, false, 1, kMachine,
+         {Inproc(kMachine, kMachineDll), Local(kMachine, kMachineExe)}},
+        {"LocalServer32 only", nullptr, nullptr, nullptr, kMachineExe, false, true, true, 1, kMachine, {Local(kMachine, kMachineExe)}},
+        {"user class key without servers: found under HKU", nullptr, nullptr, nullptr, nullptr, true, false, true, 1, kUsers, {}},
+        {"nothing registered: not found, root HKLM", nullptr, nullptr, nullptr, nullptr, false, false, true, 0, kMachine, {}},
     };
     const std::wstring sid = kwtest::CurrentUserSid();
     ASSERT_FALSE(sid.empty());
-    for (const RegistrationRow& r : rows) {
+    for (const auto& r : rows) {
         SCOPED_TRACE(r.name);
         const std::wstring clsid = FreshClsid();
         std::vector<std::unique_ptr<ClassRegistration>> regs;
@@ -121,88 +105,71 @@ std::vector<BYTE> WideBytes(const std::wstring& text, bool terminate, size_t ext
     return b;
 }
 
-struct ValueRow {
-    const char* name;
-    bool setValue;  // false: the server key exists without a default value
-    DWORD type;
-    std::vector<BYTE> data;
-    bool expectedServer;
-    std::wstring expectedPath;
-};
-
 TEST(CEasyClsidValue, ReadsTheDefaultValue) {
-    const ValueRow rows[] = {
-        {"terminated REG_SZ", true, REG_SZ, WideBytes(L"C:\\a.dll", true), true, L"C:\\a.dll"},
-        {"value without terminator", true, REG_SZ, WideBytes(L"C:\\a.dll", false), true, L"C:\\a.dll"},
-        {"odd size without terminator", true, REG_SZ, WideBytes(L"C:\\a.dll", false, 1), true, L"C:\\a.dll"},
-        {"REG_EXPAND_SZ is kept unexpanded", true, REG_EXPAND_SZ, WideBytes(L"%SystemRoot%\\a.dll", true), true,
-             L"%SystemRoot%\\a.dll"},
-        {"2047 characters fill the 4096-byte buffer", true, REG_SZ, WideBytes(std::wstring(2047, L'p'), true), true,
-             std::wstring(2047, L'p')},
-        {"2048 characters are cut to 2047", true, REG_SZ, WideBytes(std::wstring(2048, L'p'), true), true,
-             std::wstring(2047, L'p')},
-        {"REG_DWORD is not a server path", true, REG_DWORD, {1, 0, 0, 0}, false, L""},
-        {"server key without a default value adds nothing", false, REG_NONE, {}, false, L""},
+    const struct {
+        const char* name;
+        bool setValue;  // false: the server key exists without a default value
+        DWORD type;
+        std::vector<BYTE> data;
+        std::vector<std::wstring> expected;
+    } rows[] = {
+        {"terminated REG_SZ", true, REG_SZ, WideBytes(L"C:\\a.dll", true), {Inproc(kMachine, L"C:\\a.dll")}},
+        {"value without terminator", true, REG_SZ, WideBytes(L"C:\\a.dll", false), {Inproc(kMachine, L"C:\\a.dll")}},
+        {"odd size without terminator", true, REG_SZ, WideBytes(L"C:\\a.dll", false, 1), {Inproc(kMachine, L"C:\\a.dll")}},
+        {"REG_EXPAND_SZ is kept unexpanded", true, REG_EXPAND_SZ, WideBytes(L"%SystemRoot%\\a.dll", true),
+         {Inproc(kMachine, L"%SystemRoot%\\a.dll")}},
+        {"2047 characters fill the 4096-byte buffer", true, REG_SZ, WideBytes(std::wstring(2047, L'p'), true),
+         {Inproc(kMachine, std::wstring(2047, L'p'))}},
+        {"2048 characters are cut to 2047", true, REG_SZ, WideBytes(std::wstring(2048, L'p'), true),
+         {Inproc(kMachine, std::wstring(2047, L'p'))}},
+        {"REG_DWORD is not a server path", true, REG_DWORD, {1, 0, 0, 0}, {}},
+        {"server key without a default value adds nothing", false, REG_NONE, {}, {}},
     };
-    for (const ValueRow& r : rows) {
+    for (const auto& r : rows) {
         SCOPED_TRACE(r.name);
         const std::wstring clsid = FreshClsid();
         ClassRegistration machine(HKEY_LOCAL_MACHINE, MachineClassPath(clsid), KEY_WOW64_64KEY);
         ASSERT_TRUE(machine.Created());
-        ASSERT_TRUE(r.setValue ? machine.SetServerRaw(L"InprocServer32", r.type, r.data)
-                               : machine.CreateServerKey(L"InprocServer32"));
+        ASSERT_TRUE(r.setValue ? machine.SetServerRaw(L"InprocServer32", r.type, r.data) : machine.CreateServerKey(L"InprocServer32"));
         CEasyClsid lookup(nullptr, clsid.c_str(), FALSE);
         EXPECT_EQ(1, lookup.Found());
-        std::vector<Server> expected;
-        if (r.expectedServer) expected.push_back(Server{r.expectedPath, L"InprocServer32", kMachine});
-        EXPECT_EQ(expected, ServersOf(lookup));
+        EXPECT_EQ(r.expected, ServersOf(lookup));
     }
 }
 
 // ---------------------------------------------------------------------------
 // The CLSID text as the caller passes it.
 
-TEST(CEasyClsidText, TrailingCharactersAreCutAfterTheBrace) {
+// Characters after the closing brace are cut off; lower case finds the class.
+TEST(CEasyClsidText, TrailingCharactersAndCase) {
     const std::wstring clsid = FreshClsid();
     ClassRegistration machine(HKEY_LOCAL_MACHINE, MachineClassPath(clsid), KEY_WOW64_64KEY);
     ASSERT_TRUE(machine.SetServer(L"InprocServer32", L"C:\\t.dll"));
-    const std::wstring texts[] = {clsid + L"\\InprocServer32", clsid + L"}"};
-    for (const std::wstring& text : texts) {
+    std::wstring lower = clsid;
+    CharLowerBuffW(&lower[0], static_cast<DWORD>(lower.size()));
+    for (const std::wstring& text : {clsid + L"\\InprocServer32", clsid + L"}", lower}) {
         SCOPED_TRACE(::testing::PrintToString(text));
         CEasyClsid lookup(nullptr, text.c_str(), FALSE);
-        EXPECT_EQ(clsid, lookup.Clsid());
+        EXPECT_EQ(text.substr(0, clsid.size()), lookup.Clsid());
         EXPECT_EQ(1, lookup.Found());
-        EXPECT_EQ((std::vector<Server>{{L"C:\\t.dll", L"InprocServer32", kMachine}}), ServersOf(lookup));
+        EXPECT_EQ(std::vector<std::wstring>{Inproc(kMachine, L"C:\\t.dll")}, ServersOf(lookup));
     }
 }
 
-TEST(CEasyClsidText, LowerCaseTextFindsTheClass) {
-    const std::wstring clsid = FreshClsid();
-    ClassRegistration machine(HKEY_LOCAL_MACHINE, MachineClassPath(clsid), KEY_WOW64_64KEY);
-    ASSERT_TRUE(machine.SetServer(L"LocalServer32", L"C:\\l.exe"));
-    std::wstring lower = kwtest::Upper(clsid);
-    CharLowerBuffW(&lower[0], static_cast<DWORD>(lower.size()));
-    CEasyClsid lookup(nullptr, lower.c_str(), FALSE);
-    EXPECT_EQ(1, lookup.Found());
-    EXPECT_EQ((std::vector<Server>{{L"C:\\l.exe", L"LocalServer32", kMachine}}), ServersOf(lookup));
-}
-
-struct InvalidTextRow {
-    const char* name;
-    const wchar_t* text;
-    const wchar_t* expectedClsidBuffer;
-};
-
 TEST(CEasyClsidText, InvalidTextFindsNothing) {
     const std::wstring x400(400, L'x'), x259(259, L'x');
-    const InvalidTextRow rows[] = {
+    const struct {
+        const char* name;
+        const wchar_t* text;
+        const wchar_t* expectedClsidBuffer;
+    } rows[] = {
         {"null text", nullptr, L""},
         {"closing brace missing", L"{0123ABCD-4567-89EF-ABCD-0123456789EF", L"{0123ABCD-4567-89EF-ABCD-0123456789EF"},
         {"early brace cuts the text short", L"{0123ABCD}-4567-89EF-ABCD-0123456789EF}", L"{0123ABCD}"},
         {"not hex", L"{0123ABCD-4567-89EF-ABCD-0123456789EG}", L"{0123ABCD-4567-89EF-ABCD-0123456789EG}"},
         {"long text is cut to the buffer", x400.c_str(), x259.c_str()},
     };
-    for (const InvalidTextRow& r : rows) {
+    for (const auto& r : rows) {
         SCOPED_TRACE(r.name);
         CEasyClsid lookup(kwtest::CurrentUserSid().c_str(), r.text, TRUE);
         EXPECT_EQ(0, lookup.Found());
@@ -214,9 +181,6 @@ TEST(CEasyClsidText, InvalidTextFindsNothing) {
     }
 }
 
-// ---------------------------------------------------------------------------
-// The key paths the lookup forms.
-
 TEST(CEasyClsidPaths, LongSidIsCutToThePathBuffer) {
     const std::wstring clsid = FreshClsid();
     std::wstring sid = L"S-1-5-21-" + std::wstring(300, L'9');
@@ -227,50 +191,26 @@ TEST(CEasyClsidPaths, LongSidIsCutToThePathBuffer) {
 }
 
 // ---------------------------------------------------------------------------
-// The 32-bit registry view of a WOW64 process.
-
-class CEasyClsidViewTest : public ::testing::Test {
-protected:
-    void SetUp() override {
-        if (!kwtest::ProcessIsWow64()) GTEST_SKIP() << "needs a 32-bit process on 64-bit Windows";
-    }
-};
-
-// Both views hold the class with different servers: each lookup sees only its own.
-TEST_F(CEasyClsidViewTest, EachViewSeesOnlyItsOwnServers) {
+// The 32-bit registry view of a WOW64 process. Both machine views hold the
+// class with different servers; the user's 32-bit classes live physically
+// under "<sid>\Software\Classes\Wow6432Node\CLSID" (the fixture writes that key
+// directly: Wine does not redirect a 32-bit writer's per-user classes). Each
+// lookup sees only the servers of its own view.
+TEST(CEasyClsidViews, EachLookupSeesOnlyItsOwnView) {
+    if (!kwtest::ProcessIsWow64()) GTEST_SKIP() << "needs a 32-bit process on 64-bit Windows";
+    const std::wstring sid = kwtest::CurrentUserSid();
     const std::wstring clsid = FreshClsid();
     ClassRegistration reg64(HKEY_LOCAL_MACHINE, MachineClassPath(clsid), KEY_WOW64_64KEY);
     ClassRegistration reg32(HKEY_LOCAL_MACHINE, MachineClassPath(clsid), KEY_WOW64_32KEY);
+    ClassRegistration user32(HKEY_USERS, UserClassPath(sid, clsid, true), KEY_WOW64_64KEY);
     ASSERT_TRUE(reg64.SetServer(L"InprocServer32", L"C:\\native.dll"));
     ASSERT_TRUE(reg32.SetServer(L"InprocServer32", L"C:\\wow.dll"));
-    EXPECT_EQ((std::vector<Server>{{L"C:\\native.dll", L"InprocServer32", kMachine}}),
-              ServersOf(CEasyClsid(nullptr, clsid.c_str(), FALSE)));
-    EXPECT_EQ((std::vector<Server>{{L"C:\\wow.dll", L"InprocServer32", kMachine}}),
-              ServersOf(CEasyClsid(nullptr, clsid.c_str(), TRUE)));
-}
-
-// Per-user 32-bit classes live physically under
-// "<sid>\Software\Classes\Wow6432Node\CLSID" (the fixture writes that key
-// directly: Wine does not redirect a 32-bit writer's per-user classes); the
-// machine class here exists only in the 32-bit view. The lookup without the
-// flag finds neither.
-TEST_F(CEasyClsidViewTest, UserAndMachineIn32BitNode) {
-    const std::wstring sid = kwtest::CurrentUserSid();
-    const std::wstring clsid = FreshClsid();
-    ClassRegistration user(HKEY_USERS, UserClassPath(sid, clsid, true), KEY_WOW64_64KEY);
-    ClassRegistration machine(HKEY_LOCAL_MACHINE, MachineClassPath(clsid), KEY_WOW64_32KEY);
-    ASSERT_TRUE(user.SetServer(L"LocalServer32", L"C:\\u32.exe"));
-    ASSERT_TRUE(machine.SetServer(L"InprocServer32", L"C:\\m32.dll"));
-    ASSERT_FALSE(kwtest::RegKeyExists(HKEY_LOCAL_MACHINE, MachineClassPath(clsid), KEY_WOW64_64KEY))
-        << "the registry must keep the two views apart";
+    ASSERT_TRUE(user32.SetServer(L"LocalServer32", L"C:\\u32.exe"));
     CEasyClsid with32(sid.c_str(), clsid.c_str(), TRUE);
     EXPECT_EQ(1, with32.Found());
     EXPECT_EQ(kMachine, with32.RootKey());
-    EXPECT_EQ((std::vector<Server>{{L"C:\\u32.exe", L"LocalServer32", kUsers}, {L"C:\\m32.dll", L"InprocServer32", kMachine}}),
-              ServersOf(with32));
-    CEasyClsid native(sid.c_str(), clsid.c_str(), FALSE);
-    EXPECT_EQ(0, native.Found());
-    EXPECT_TRUE(native.Servers().empty());
+    EXPECT_EQ((std::vector<std::wstring>{Local(kUsers, L"C:\\u32.exe"), Inproc(kMachine, L"C:\\wow.dll")}), ServersOf(with32));
+    EXPECT_EQ(std::vector<std::wstring>{Inproc(kMachine, L"C:\\native.dll")}, ServersOf(CEasyClsid(sid.c_str(), clsid.c_str(), FALSE)));
 }
 
 }  // namespace

@@ -1,17 +1,15 @@
 #include "registry/multi_user_reg.h"
 
-#include "diag/trace.h"
 #include "registry/user_reg_hive.h"
 #include "support/fixtures.h"
 #include "support/kit.h"
-#include "support/recording_sink.h"
+#include "support/trace_capture.h"
 #include "support/second_user_profile.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <atomic>
-#include <ostream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -42,98 +40,62 @@ std::wstring Ask(CMultiUserRegManager& m, const std::wstring& sid, const wchar_t
 }  // namespace
 
 // ---------------------------------------------------------------------------
-// A second user whose hive the manager loads from the profile's NTUSER.dat.
-struct SecondUserRow {
-    const char* name;
-    const wchar_t* variable;
-    const wchar_t* expected;  // {PROFILE}, {WINDIR}; null: the question fails
-};
-// Test names show the row title, not the bytes of the row.
-void PrintTo(const SecondUserRow& r, std::ostream* os) { *os << r.name; }
-
-const SecondUserRow kSecondUserRows[] = {
-    {"USERPROFILE from ProfileList", L"USERPROFILE", L"{PROFILE}"},
-    {"Tmp in mixed case", L"Tmp", L"{PROFILE}\\AppData\\Local\\Temp"},
-    {"system variable inside a user variable", L"KWSYSTEMVAR", L"{WINDIR}\\kw"},
-    {"REG_SZ value is expanded for the user too", L"KwPlainVar", L"{PROFILE}\\plain"},
-    {"DWORD variable is not a string", L"KWDWORDVAR", nullptr},
-    {"APPDATA falls to the shell folder", L"APPDATA", L"{PROFILE}\\AppData\\Roaming"},
-    {"Local AppData second spelling", L"Local AppData", L"{PROFILE}\\AppData\\Local"},
-    {"DESKTOPDIR token name in lower case", L"desktopdir", L"{PROFILE}\\Desktop"},
-    {"MYDOCUMENTS shares the id of PERSONAL", L"MYDOCUMENTS", L"{PROFILE}\\Documents"},
-    {"DEFAULT_PROFILE is the profile folder", L"DEFAULT_PROFILE", L"{PROFILE}"},
-    {"shell folder without a value", L"FAVORITES", nullptr},
-    {"name nowhere", L"KWNOSUCHNAME", nullptr},
-    {"300 characters are cut to 259", L"KWLONGVAR", L"{LONG}"},
-};
-
-class SecondUser : public ::testing::TestWithParam<SecondUserRow> {};
-
-TEST_P(SecondUser, AnswersFromTheLoadedHive) {
-    const SecondUserRow& r = GetParam();
+// A second user whose hive the manager loads from the profile's NTUSER.dat,
+// while the process's own values point elsewhere.
+TEST(SecondUser, AnswersFromTheLoadedHiveNeverTheProcess) {
     SecondUserProfile user;
     ASSERT_TRUE(user.Ready()) << Narrow(user.Error());
-    std::wstring expected = L"<failed>";
-    if (r.expected) {
-        expected = r.expected;
-        kw::ReplaceAll(expected, L"{PROFILE}", user.Profile());
-        kw::ReplaceAll(expected, L"{WINDIR}", kwtest::WindowsDir());
-        kw::ReplaceAll(expected, L"{LONG}", SecondUserProfile::LongValue().substr(0, MAX_PATH - 1));
-    }
-    CMultiUserRegManager manager;
-    EXPECT_EQ(expected, Ask(manager, user.Sid(), r.variable));
-    EXPECT_FALSE(SecondUserProfile::IsLoaded(user.Sid())) << "unloaded once its values are read";
-    EXPECT_FALSE(SecondUserProfile::IsLoaded(user.Sid() + L"_Classes"));
-    EXPECT_EQ(expected, Ask(manager, user.Sid(), r.variable)) << "answered from what was read";
-}
-
-INSTANTIATE_TEST_SUITE_P(Rows, SecondUser, ::testing::ValuesIn(kSecondUserRows),
-                         kwtest::ByRowName());
-
-TEST(SecondUserManager, NeverTheProcessProfileOrTemp) {
-    SecondUserProfile user;
-    ASSERT_TRUE(user.Ready()) << Narrow(user.Error());
-    // The process's own values point elsewhere while the manager reads.
     kwtest::ScopedEnv profile(L"USERPROFILE", L"C:\\KwNotThisProfile");
     kwtest::ScopedEnv temp(L"TEMP", L"C:\\KwNotThisTemp");
+    kwtest::ScopedEnv tmp(L"TMP", L"C:\\KwNotThisTemp");
     kwtest::ScopedEnv appData(L"APPDATA", L"C:\\KwNotThisAppData");
+    const struct {
+        const char* name;
+        const wchar_t* variable;
+        std::wstring expected;
+    } rows[] = {
+        {"USERPROFILE from ProfileList", L"USERPROFILE", user.Profile()},
+        {"TEMP", L"TEMP", user.Temp()},
+        {"Tmp in mixed case", L"Tmp", user.Temp()},
+        {"system variable inside a user variable", L"KWSYSTEMVAR", kwtest::WindowsDir() + L"\\kw"},
+        {"REG_SZ value is expanded for the user too", L"KwPlainVar", user.Profile() + L"\\plain"},
+        {"DWORD variable is not a string", L"KWDWORDVAR", L"<failed>"},
+        {"APPDATA falls to the shell folder", L"APPDATA", user.AppData()},
+        {"Local AppData second spelling", L"Local AppData", user.Profile() + L"\\AppData\\Local"},
+        {"DESKTOPDIR token name in lower case", L"desktopdir", user.Desktop()},
+        {"MYDOCUMENTS shares the id of PERSONAL", L"MYDOCUMENTS", user.Profile() + L"\\Documents"},
+        {"DEFAULT_PROFILE is the profile folder", L"DEFAULT_PROFILE", user.Profile()},
+        {"shell folder without a value", L"FAVORITES", L"<failed>"},
+        {"name nowhere", L"KWNOSUCHNAME", L"<failed>"},
+        {"300 characters are cut to 259", L"KWLONGVAR", SecondUserProfile::LongValue().substr(0, MAX_PATH - 1)},
+    };
     CMultiUserRegManager manager;
-    EXPECT_EQ(user.Temp(), Ask(manager, user.Sid(), L"TEMP"));
-    EXPECT_EQ(user.AppData(), Ask(manager, user.Sid(), L"APPDATA"));
-    EXPECT_EQ(user.Profile(), Ask(manager, user.Sid(), L"USERPROFILE"));
+    for (const auto& r : rows) EXPECT_EQ(r.expected, Ask(manager, user.Sid(), r.variable)) << r.name;
+    EXPECT_FALSE(SecondUserProfile::IsLoaded(user.Sid())) << "unloaded once its values are read";
+    EXPECT_FALSE(SecondUserProfile::IsLoaded(user.Sid() + L"_Classes"));
+    for (const auto& r : rows) EXPECT_EQ(r.expected, Ask(manager, user.Sid(), r.variable)) << "answered from what was read: " << r.name;
 }
 
-TEST(SecondUserManager, ProfileCreatedAfterTheListWasRead) {
+// A profile created after the list was read is found; its hive file, while it
+// cannot be loaded (held open, as while its user logs off), is tried again on
+// the next question.
+TEST(SecondUserManager, LateProfileAndFailedLoadIsRetried) {
     CMultiUserRegManager manager;
     const std::vector<std::wstring> before = manager.GetUserSids();
     SecondUserProfile user;
     ASSERT_TRUE(user.Ready()) << Narrow(user.Error());
     for (const auto& sid : before) EXPECT_NE(user.Sid(), sid);
     EXPECT_TRUE(manager.HasUser(user.Sid().c_str()));
-    EXPECT_EQ(user.Temp(), Ask(manager, user.Sid(), L"TEMP"));
-    const std::vector<std::wstring> after = manager.GetUserSids();
-    EXPECT_EQ(before.size() + 1, after.size());
-}
-
-// A hive file that cannot be loaded (held open, as while its user logs off)
-// is tried again on the next question.
-TEST(SecondUserManager, FailedLoadIsRetriedOnTheNextQuestion) {
-    SecondUserProfile user;
-    ASSERT_TRUE(user.Ready()) << Narrow(user.Error());
-    CMultiUserRegManager manager;
     {
-        kwtest::RecordingSink sink;
-        kw::SetLogSink(&sink);
-        HANDLE locked = CreateFileW((user.Profile() + L"\\NTUSER.dat").c_str(), GENERIC_READ, 0,
-                                    nullptr, OPEN_EXISTING, 0, nullptr);
-        ASSERT_NE(INVALID_HANDLE_VALUE, locked);
+        kwtest::ScopedSink cap;
+        kw::unique_file locked(CreateFileW((user.Profile() + L"\\NTUSER.dat").c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr));
+        ASSERT_TRUE(locked);
         EXPECT_EQ(L"<failed>", Ask(manager, user.Sid(), L"TEMP"));
-        CloseHandle(locked);
-        kw::SetLogSink(nullptr);
-        EXPECT_TRUE(sink.Has(L"[CUserRegHelper::LoadHive] RegLoadKeyW"));
+        EXPECT_TRUE(cap.sink.Has(L"[CUserRegHelper::LoadHive] RegLoadKeyW"));
     }
     EXPECT_EQ(user.Temp(), Ask(manager, user.Sid(), L"TEMP"));
     EXPECT_FALSE(SecondUserProfile::IsLoaded(user.Sid()));
+    EXPECT_EQ(before.size() + 1, manager.GetUserSids().size());
 }
 
 TEST(SecondUserManager, HiveAlreadyUnderUsersIsReadThereAndLeftLoaded) {
@@ -148,47 +110,17 @@ TEST(SecondUserManager, HiveAlreadyUnderUsersIsReadThereAndLeftLoaded) {
         << "a hive the manager did not load stays";
 }
 
-TEST(SecondUserManager, ProfileWithoutHiveAnswersOnlyTheProfile) {
-    SecondUserProfile user(SecondUserProfile::Hive::None);
-    ASSERT_TRUE(user.Ready()) << Narrow(user.Error());
-    kwtest::RecordingSink sink;
-    kw::SetLogSink(&sink);
-    CMultiUserRegManager manager;
-    EXPECT_EQ(user.Profile(), Ask(manager, user.Sid(), L"USERPROFILE"));
-    EXPECT_EQ(L"<failed>", Ask(manager, user.Sid(), L"TEMP"));
-    kw::SetLogSink(nullptr);
-    EXPECT_TRUE(sink.Has(L"[CUserRegHelper::LoadHive] no hive file"));
-    EXPECT_TRUE(sink.Has(L"[CMultiUserRegManager::GetSpecialShellVariableBySid]"));
-}
-
 // ---------------------------------------------------------------------------
-// The user this test runs as: Wine keeps that user's hive loaded.
-TEST(CurrentUserManager, AnswersFromTheLoadedHiveAndLeavesIt) {
-    const std::wstring sid = kwtest::CurrentUserSid();
-    ASSERT_FALSE(sid.empty());
-    {
-        CMultiUserRegManager manager;
-        EXPECT_EQ(EnvText(L"USERPROFILE"), Ask(manager, sid, L"USERPROFILE"));
-        EXPECT_EQ(EnvText(L"TEMP"), Ask(manager, sid, L"TEMP"));
-        EXPECT_EQ(EnvText(L"TMP"), Ask(manager, sid, L"tmp"));
-        EXPECT_EQ(EnvText(L"APPDATA"), Ask(manager, sid, L"APPDATA"));
-        EXPECT_EQ(EnvText(L"LOCALAPPDATA"), Ask(manager, sid, L"Local AppData"));
-        const std::vector<std::wstring> sids = manager.GetUserSids();
-        EXPECT_NE(sids.end(), std::find(sids.begin(), sids.end(), kwtest::Upper(sid)));
-        EXPECT_TRUE(manager.HasUser(sid.c_str()));
-    }
-    EXPECT_TRUE(kwtest::RegKeyExists(HKEY_USERS, sid)) << "the logged-on user's hive stays";
-}
-
-struct RefusalRow {
-    const char* name;
-    const wchar_t* sid;
-    const wchar_t* variable;
-};
-
-TEST(Refusals, FailWithEmptyOutput) {
+// The user this test runs as: Wine keeps that user's hive loaded. Questions
+// that cannot be answered fail with an empty output.
+TEST(CurrentUserManager, AnswersFromTheLoadedHiveAndLeavesItRefusesTheRest) {
     const std::wstring me = kwtest::CurrentUserSid();
-    const RefusalRow rows[] = {
+    ASSERT_FALSE(me.empty());
+    const struct {
+        const char* name;
+        const wchar_t* sid;
+        const wchar_t* variable;
+    } refusals[] = {
         {"null SID", nullptr, L"TEMP"},
         {"empty SID", L"", L"TEMP"},
         {"null name", me.c_str(), nullptr},
@@ -196,20 +128,26 @@ TEST(Refusals, FailWithEmptyOutput) {
         {"SID not in ProfileList", L"S-1-5-21-9-9-9-424242", L"TEMP"},
         {"SID text with a path", L"S-1-5-21-1\\..\\.Default", L"TEMP"},
     };
-    CMultiUserRegManager manager;
-    for (const RefusalRow& r : rows) {
-        wchar_t out[MAX_PATH] = L"stale";
-        EXPECT_FALSE(manager.GetSpecialShellVariableBySid(r.sid, r.variable, out)) << r.name;
-        EXPECT_EQ(std::wstring(), out) << r.name;
+    {
+        CMultiUserRegManager manager;
+        EXPECT_EQ(EnvText(L"USERPROFILE"), Ask(manager, me, L"USERPROFILE"));
+        EXPECT_EQ(EnvText(L"TEMP"), Ask(manager, me, L"TEMP"));
+        EXPECT_EQ(EnvText(L"TMP"), Ask(manager, me, L"tmp"));
+        EXPECT_EQ(EnvText(L"APPDATA"), Ask(manager, me, L"APPDATA"));
+        EXPECT_EQ(EnvText(L"LOCALAPPDATA"), Ask(manager, me, L"Local AppData"));
+        const std::vector<std::wstring> sids = manager.GetUserSids();
+        EXPECT_NE(sids.end(), std::find(sids.begin(), sids.end(), kwtest::Upper(me)));
+        EXPECT_TRUE(manager.HasUser(me.c_str()));
+        for (const auto& r : refusals) {
+            wchar_t out[MAX_PATH] = L"stale";
+            EXPECT_FALSE(manager.GetSpecialShellVariableBySid(r.sid, r.variable, out)) << r.name;
+            EXPECT_EQ(std::wstring(), out) << r.name;
+        }
+        EXPECT_FALSE(manager.GetSpecialShellVariableBySid(me.c_str(), L"TEMP", nullptr)) << "no output buffer";
+        EXPECT_FALSE(manager.HasUser(nullptr));
+        EXPECT_FALSE(manager.HasUser(L"S-1-5-21-9-9-9-424242"));
     }
-}
-
-TEST(Refusals, NullOutput) {
-    CMultiUserRegManager manager;
-    EXPECT_FALSE(
-        manager.GetSpecialShellVariableBySid(kwtest::CurrentUserSid().c_str(), L"TEMP", nullptr));
-    EXPECT_FALSE(manager.HasUser(nullptr));
-    EXPECT_FALSE(manager.HasUser(L"S-1-5-21-9-9-9-424242"));
+    EXPECT_TRUE(kwtest::RegKeyExists(HKEY_USERS, me)) << "the logged-on user's hive stays";
 }
 
 // ---------------------------------------------------------------------------
@@ -258,9 +196,19 @@ TEST(SidText, Recognised) {
     for (const auto& r : rows) EXPECT_EQ(r.sid, kw_user::IsSidText(r.text)) << r.name;
 }
 
-TEST(ProfileImagePath, ExpandedWithoutTrailingSeparator) {
+// A profile without a hive answers only the profile folder; its path is read
+// expanded and without a trailing separator.
+TEST(ProfileImagePath, ProfileWithoutHiveAndTrailingSeparator) {
     SecondUserProfile user(SecondUserProfile::Hive::None);
     ASSERT_TRUE(user.Ready()) << Narrow(user.Error());
+    {
+        kwtest::ScopedSink cap;
+        CMultiUserRegManager manager;
+        EXPECT_EQ(user.Profile(), Ask(manager, user.Sid(), L"USERPROFILE"));
+        EXPECT_EQ(L"<failed>", Ask(manager, user.Sid(), L"TEMP"));
+        EXPECT_TRUE(cap.sink.Has(L"[CUserRegHelper::LoadHive] no hive file"));
+        EXPECT_TRUE(cap.sink.Has(L"[CMultiUserRegManager::GetSpecialShellVariableBySid]"));
+    }
     std::wstring path;
     bool exists = false;
     EXPECT_TRUE(kw_user::ReadProfileImagePath(user.Sid(), path, &exists));
@@ -268,8 +216,7 @@ TEST(ProfileImagePath, ExpandedWithoutTrailingSeparator) {
     EXPECT_EQ(user.Profile(), path);
 
     const std::wstring key = std::wstring(SecondUserProfile::kProfileList) + L"\\" + user.Sid();
-    ASSERT_TRUE(
-        kwtest::RegSetSz(HKEY_LOCAL_MACHINE, key, L"ProfileImagePath", user.Profile() + L"\\"));
+    ASSERT_TRUE(kwtest::RegSetSz(HKEY_LOCAL_MACHINE, key, L"ProfileImagePath", user.Profile() + L"\\"));
     EXPECT_TRUE(kw_user::ReadProfileImagePath(user.Sid(), path));
     EXPECT_EQ(user.Profile(), path);
 
@@ -306,37 +253,26 @@ int ThreadTokenLevel() {
     return level;
 }
 
-struct ScopeRow {
-    const char* name;
-    int before;  // the thread's impersonation before the scope: -1 none
-};
-void PrintTo(const ScopeRow& r, std::ostream* os) { *os << r.name; }
-class PrivilegeScope : public ::testing::TestWithParam<ScopeRow> {};
-
-TEST_P(PrivilegeScope, OnTheCallingThreadOnly) {
-    const ScopeRow& r = GetParam();
-    if (r.before >= 0) {
-        ASSERT_TRUE(ImpersonateSelf(static_cast<SECURITY_IMPERSONATION_LEVEL>(r.before)));
+// Before the scope the thread has no token, or already impersonates.
+TEST(PrivilegeScope, OnTheCallingThreadOnly) {
+    for (const int before : {-1, static_cast<int>(SecurityIdentification)}) {
+        SCOPED_TRACE(before);
+        EXPECT_TRUE(before < 0 || ImpersonateSelf(static_cast<SECURITY_IMPERSONATION_LEVEL>(before)));
+        const bool processBefore = ProcessPrivilegeOn(SE_RESTORE_NAME);
+        {
+            kw_user::CUserRegPrivilegeScope scope;
+            EXPECT_TRUE(scope.Enabled());
+            kw::unique_handle token;
+            EXPECT_TRUE(OpenThreadToken(GetCurrentThread(), TOKEN_QUERY, TRUE, token.put()));
+            EXPECT_TRUE(PrivilegeOn(token.get(), SE_RESTORE_NAME));
+            EXPECT_TRUE(PrivilegeOn(token.get(), SE_BACKUP_NAME));
+            EXPECT_EQ(processBefore, ProcessPrivilegeOn(SE_RESTORE_NAME)) << "process token untouched";
+            bool otherThread = true;
+            std::thread([&] { otherThread = ThreadTokenLevel() == -1; }).join();
+            EXPECT_TRUE(otherThread) << "another thread keeps the process token";
+        }
+        EXPECT_EQ(before, ThreadTokenLevel()) << "the thread gets back what it had";
+        EXPECT_EQ(processBefore, ProcessPrivilegeOn(SE_RESTORE_NAME));
+        RevertToSelf();
     }
-    const bool processBefore = ProcessPrivilegeOn(SE_RESTORE_NAME);
-    {
-        kw_user::CUserRegPrivilegeScope scope;
-        EXPECT_TRUE(scope.Enabled());
-        kw::unique_handle token;
-        ASSERT_TRUE(OpenThreadToken(GetCurrentThread(), TOKEN_QUERY, TRUE, token.put()));
-        EXPECT_TRUE(PrivilegeOn(token.get(), SE_RESTORE_NAME));
-        EXPECT_TRUE(PrivilegeOn(token.get(), SE_BACKUP_NAME));
-        EXPECT_EQ(processBefore, ProcessPrivilegeOn(SE_RESTORE_NAME)) << "process token untouched";
-        bool otherThread = true;
-        std::thread([&] { otherThread = ThreadTokenLevel() == -1; }).join();
-        EXPECT_TRUE(otherThread) << "another thread keeps the process token";
-    }
-    EXPECT_EQ(r.before, ThreadTokenLevel()) << "the thread gets back what it had";
-    EXPECT_EQ(processBefore, ProcessPrivilegeOn(SE_RESTORE_NAME));
-    RevertToSelf();
 }
-INSTANTIATE_TEST_SUITE_P(
-    Rows, PrivilegeScope,
-    ::testing::Values(ScopeRow{"thread without a token", -1},
-                      ScopeRow{"thread already impersonating", SecurityIdentification}),
-    kwtest::ByRowName());

@@ -2,38 +2,32 @@
 
 #include <gtest/gtest.h>
 
+#include <map>
 #include <string>
 
 using namespace kw_user;
 
 namespace {
 
-// A user whose profile is C:\Users\Second, with A=1 and B=2.
+// A user whose profile is C:\Users\Second, with A=1, B=2 and EMPTY empty.
 bool Lookup(const std::wstring& upperName, std::wstring& value) {
-    if (upperName == L"USERPROFILE")
-        value = L"C:\\Users\\Second";
-    else if (upperName == L"A")
-        value = L"1";
-    else if (upperName == L"B")
-        value = L"2";
-    else if (upperName == L"EMPTY")
-        value = L"";
-    else
-        return false;
+    static const std::map<std::wstring, std::wstring> vars = {
+        {L"USERPROFILE", L"C:\\Users\\Second"}, {L"A", L"1"}, {L"B", L"2"}, {L"EMPTY", L""}};
+    const auto it = vars.find(upperName);
+    if (it == vars.end()) return false;
+    value = it->second;
     return true;
 }
 
 }  // namespace
 
-struct ExpandRow {
-    const char* name;
-    const wchar_t* text;
-    size_t cchMax;
-    const wchar_t* expected;
-};
-
 TEST(ExpandUserText, Expands) {
-    const ExpandRow rows[] = {
+    const struct {
+        const char* name;
+        const wchar_t* text;
+        size_t cchMax;
+        const wchar_t* expected;
+    } rows[] = {
         {"no token", L"C:\\a.exe", 4095, L"C:\\a.exe"},
         {"profile token", L"%USERPROFILE%\\x", 4095, L"C:\\Users\\Second\\x"},
         {"name in lower case", L"%userProfile%\\x", 4095, L"C:\\Users\\Second\\x"},
@@ -47,22 +41,16 @@ TEST(ExpandUserText, Expands) {
         {"limit equal to the length", L"%A%%B%", 2, L"12"},
         {"limit one below the length", L"%A%%B%", 1, L"1"},
     };
-    for (const ExpandRow& r : rows)
-        EXPECT_EQ(std::wstring(r.expected), ExpandUserText(r.text, Lookup, r.cchMax)) << r.name;
+    for (const auto& r : rows) EXPECT_EQ(std::wstring(r.expected), ExpandUserText(r.text, Lookup, r.cchMax)) << r.name;
+    EXPECT_EQ(L"%A%", ExpandUserText(L"%A%", UserVarLookup())) << "no lookup keeps the tokens";
 }
-
-TEST(ExpandUserText, NullLookupKeepsTokens) {
-    EXPECT_EQ(L"%A%", ExpandUserText(L"%A%", UserVarLookup()));
-}
-
-struct NameRow {
-    const char* name;
-    const wchar_t* valueName;
-    int expected;
-};
 
 TEST(ShellFolderIds, FirstMatchingRow) {
-    const NameRow rows[] = {
+    const struct {
+        const char* name;
+        const wchar_t* valueName;
+        int expected;
+    } rows[] = {
         {"token name", L"AppData", 0x1A}, {"second spelling", L"Local AppData", 0x1C},
         {"second spelling of DESKTOPDIR", L"Desktop", 0x10},
         {"Programs is PROGRAMS before DEFAULT_PROGRAMS", L"Programs", 0x02},
@@ -70,7 +58,7 @@ TEST(ShellFolderIds, FirstMatchingRow) {
         {"My Videos is not in the table", L"My Videos", -1},
         {"Cache is not in the table", L"Cache", -1}, {"empty", L"", -1},
     };
-    for (const NameRow& r : rows) EXPECT_EQ(r.expected, ShellFolderIdOfValueName(r.valueName)) << r.name;
+    for (const auto& r : rows) EXPECT_EQ(r.expected, ShellFolderIdOfValueName(r.valueName)) << r.name;
 }
 
 TEST(PerUserVariables, UserNamesAndSystemNames) {

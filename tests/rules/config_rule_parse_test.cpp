@@ -4,9 +4,7 @@
 #include "rules/rule_text_convert.h"
 
 #include "common/handle.h"
-#include "resolve/wow64.h"
 #include "support/control_set_select.h"
-#include "support/kit.h"
 #include "support/trace_capture.h"
 
 #include <gtest/gtest.h>
@@ -27,6 +25,7 @@ namespace {
 #define LINE_EX L"[kwRegAnalyze][INFO ][ConfigRuleParse::PRINTF_REGRULE_EX] "
 #define LINE_RULE L"[kwRegAnalyze][INFO ][ConfigRuleParse::PRINTF_REGRULE] "
 #define LINE_ARRY_ERR L"[kwRegAnalyze][ERROR][ConfigRuleParse::Json2RuleArry] "
+#define LINE_PARSE_ERR LINE_ARRY_ERR L"ConfigRuleParse::Json2RuleArry parse json error="
 #define LINE_SUBKEY L"[kwRegAnalyze][INFO ][ConfigRuleParse::TranslateSubkey] "
 
 constexpr uint32_t HKLM = 0x80000002;
@@ -38,44 +37,22 @@ std::string Bytes(const char (&s)[N]) {
     return std::string(s, N - 1);
 }
 
-RegRule Rule(int32_t id, int32_t fn, uint32_t check, uint32_t flag, uint32_t root,
-             const wchar_t* sub = L"", const wchar_t* value = L"", const wchar_t* p1 = L"") {
-    RegRule r;
-    r.ParseID = id;
-    r.FunctionID = fn;
-    r.CheckID = check;
-    r.bValueName = flag;
-    r.RegRootkey = root;
-    r.RegSubkey = sub;
-    r.RegValueName = value;
-    r.Parameter1 = p1;
-    return r;
-}
-
-std::string Describe(const RegRule& r) {
-    std::string s = "{" + std::to_string(r.ParseID) + "," + std::to_string(r.FunctionID) + "," +
-                    std::to_string(r.CheckID) + "," + std::to_string(r.bValueName) + "," +
-                    std::to_string(r.RegRootkey) + ",";
-    for (const std::wstring* w : {&r.RegSubkey, &r.RegValueName, &r.Parameter1}) {
-        s += "\"";
-        for (wchar_t c : *w) s += (c >= 32 && c < 127) ? static_cast<char>(c) : '?';
-        s += "\"(" + std::to_string(w->size()) + "),";
+// Every field of every rule, keyed by the table's ParseID, embedded NULs kept.
+std::vector<std::wstring> Fields(const RuleTable& table) {
+    std::vector<std::wstring> out;
+    for (const auto& kv : table) {
+        const RegRule& r = kv.second;
+        out.push_back(std::to_wstring(kv.first) + L"={" + std::to_wstring(r.ParseID) + L"," + std::to_wstring(r.FunctionID) +
+                      L"," + std::to_wstring(r.CheckID) + L"," + std::to_wstring(r.bValueName) + L"," +
+                      std::to_wstring(r.RegRootkey) + L",[" + r.RegSubkey + L"],[" + r.RegValueName + L"],[" + r.Parameter1 + L"]}");
     }
-    return s + "}";
+    return out;
 }
 
 void ExpectTable(const std::vector<RegRule>& expected, const RuleTable& table) {
-    ASSERT_EQ(expected.size(), table.size());
-    for (const RegRule& e : expected) {
-        auto it = table.find(e.ParseID);
-        ASSERT_NE(table.end(), it) << "ParseID " << e.ParseID;
-        const RegRule& a = it->second;
-        EXPECT_TRUE(a.ParseID == e.ParseID && a.FunctionID == e.FunctionID && a.CheckID == e.CheckID &&
-                    a.bValueName == e.bValueName && a.RegRootkey == e.RegRootkey &&
-                    a.RegSubkey == e.RegSubkey && a.RegValueName == e.RegValueName &&
-                    a.Parameter1 == e.Parameter1)
-            << "expected " << Describe(e) << "\n  actual " << Describe(a);
-    }
+    RuleTable want;
+    for (const RegRule& r : expected) want[r.ParseID] = r;
+    EXPECT_EQ(Fields(want), Fields(table));
 }
 
 // ---------------------------------------------------------------------------
@@ -89,8 +66,6 @@ struct ParseRow {
     std::vector<std::wstring> lines;
 };
 
-std::ostream& operator<<(std::ostream& os, const ParseRow& r) { return os << r.name; }
-
 // One valid rule: stored, and traced with index 0.
 ParseRow Accepted(const char* name, std::string text, RegRule rule, const std::wstring& line) {
     return {name, std::move(text), true, {std::move(rule)}, {LINE_EX L"[0]" + line}};
@@ -101,127 +76,112 @@ ParseRow Rejected(const char* name, std::string text, const std::wstring& id, co
             {LINE_ARRY_ERR L"Rule[0] ParseID:" + id + L" Not meet the requirement", LINE_RULE + plain}};
 }
 ParseRow ParseError(const char* name, std::string text, const std::wstring& codeAndOffset) {
-    return {name, std::move(text), false, {}, {LINE_ARRY_ERR L"ConfigRuleParse::Json2RuleArry parse json " + codeAndOffset}};
+    return {name, std::move(text), false, {}, {LINE_PARSE_ERR + codeAndOffset}};
 }
 
 // A rule text with the given rule array elements.
 std::string Rules(const std::string& elements) { return "{\"RegParseConfig\":[" + elements + "]}"; }
 
-class Json2RuleArryTest : public ::testing::TestWithParam<ParseRow> {};
-
-TEST_P(Json2RuleArryTest, TableResultAndLines) {
-    const ParseRow& row = GetParam();
-    ScopedSink cap;
-    RuleTable table;
-    table[999] = Rule(999, 1, 0, 0, 0);  // a table that is not empty beforehand
-    ConfigRuleParse parser;
-    EXPECT_EQ(row.result, parser.Json2RuleArry(row.text, table));
-    ExpectTable(row.rules, table);
-    EXPECT_EQ(row.lines, cap.Texts());
-}
-
 const char kValid5[] =
     R"({"RegParseConfig":[{"ParseID":5,"FunctionID":5,"CheckID":1,"RegRootkey":2147483650,"RegSubkey":"Software\\x","RegValueName":"v"}]})";
 
-INSTANTIATE_TEST_SUITE_P(
-    Rows, Json2RuleArryTest,
-    ::testing::Values(
-        Accepted("valid rule with value name", kValid5, Rule(5, 5, 1, 1, HKLM, L"Software\\x", L"v"),
+TEST(Json2RuleArry, TableResultAndLines) {
+    const std::wstring cs = kwtest::ControlSetNameFromRegistry();  // this machine's, read from the prefix's registry
+    ASSERT_FALSE(cs.empty()) << "the prefix has no System\\Select Current";
+    const ParseRow rows[] = {
+        Accepted("valid rule with value name", kValid5, RegRule{5, 5, 1, 1, HKLM, L"Software\\x", L"v"},
                  L"parseID:5 FunctionID:5 CheckID:1 HKEY:HKEY_LOCAL_MACHINE SubKey:Software\\x value:v"),
-        Accepted("valid rule with parameter and the highest CheckID",
-                 Rules(R"({"ParseID":6,"FunctionID":1,"CheckID":2,"RegRootkey":2147483651,"RegSubkey":"S\\y","RegValueName":"Run","Parameter1":"p q"})"),
-                 Rule(6, 1, 2, 1, HKU, L"S\\y", L"Run", L"p q"),
-                 L"parseID:6 FunctionID:1 CheckID:2 HKEY:HKEY_USERS SubKey:S\\y value:Run Parameter1:p q(3)"),
-        Accepted("root key given without value name",
+        Accepted("valid rule with a parameter, percent signs are printed as they are",
+                 Rules(R"({"ParseID":6,"FunctionID":1,"RegRootkey":2147483651,"RegSubkey":"S\\y","RegValueName":"v","Parameter1":"%s %n"})"),
+                 RegRule{6, 1, 0, 1, HKU, L"S\\y", L"v", L"%s %n"},
+                 L"parseID:6 FunctionID:1 CheckID:0 HKEY:HKEY_USERS SubKey:S\\y value:v Parameter1:%s %n(5)"),
+        Accepted("root key given without value name, the highest CheckID",
                  Rules(R"({"ParseID":8,"FunctionID":2,"CheckID":2,"RegRootkey":2147483651,"RegSubkey":"S\\y","Parameter1":"x"})"),
-                 Rule(8, 2, 2, 0, HKU, L"S\\y", L"", L"x"), L"parseID:8 FunctionID:2 CheckID:2 HKEY:HKEY_USERS SubKey:S\\y"),
+                 RegRule{8, 2, 2, 0, HKU, L"S\\y", L"", L"x"}, L"parseID:8 FunctionID:2 CheckID:2 HKEY:HKEY_USERS SubKey:S\\y"),
         Accepted("empty value name sets the flag",
                  Rules(R"({"ParseID":8,"FunctionID":2,"RegRootkey":2147483650,"RegSubkey":"S","RegValueName":""})"),
-                 Rule(8, 2, 0, 1, HKLM, L"S"), L"parseID:8 FunctionID:2 CheckID:0 HKEY:HKEY_LOCAL_MACHINE SubKey:S"),
-        Accepted("no root key and no parameter", Rules(R"({"ParseID":7,"FunctionID":1})"),
-                 Rule(7, 1, 0, 0, 0), L"parseID:7 FunctionID:1 CheckID:0 HKEY:0"),
-        Accepted("no root key with parameter and any sub-key",
-                 Rules(R"({"ParseID":7,"FunctionID":1,"RegSubkey":"a","Parameter1":",;"})"),
-                 Rule(7, 1, 0, 0, 0, L"a", L"", L",;"), L"parseID:7 FunctionID:1 CheckID:0 HKEY:0 Parameter1:,;(2)"),
-        Accepted("FunctionID above the analyzer range is left to dispatch",
-                 Rules(R"({"ParseID":1,"FunctionID":23})"), Rule(1, 23, 0, 0, 0),
-                 L"parseID:1 FunctionID:23 CheckID:0 HKEY:0"),
-        Accepted("root key as a float is ignored",
-                 Rules(R"({"ParseID":3,"FunctionID":1,"RegRootkey":2147483650.0,"RegSubkey":"x"})"),
-                 Rule(3, 1, 0, 0, 0, L"x"), L"parseID:3 FunctionID:1 CheckID:0 HKEY:0"),
+                 RegRule{8, 2, 0, 1, HKLM, L"S"}, L"parseID:8 FunctionID:2 CheckID:0 HKEY:HKEY_LOCAL_MACHINE SubKey:S"),
+        Accepted("no root key and no parameter", Rules(R"({"ParseID":7,"FunctionID":1})"), RegRule{7, 1},
+                 L"parseID:7 FunctionID:1 CheckID:0 HKEY:0"),
+        Accepted("no root key with parameter and any sub-key", Rules(R"({"ParseID":7,"FunctionID":1,"RegSubkey":"a","Parameter1":",;"})"),
+                 RegRule{7, 1, 0, 0, 0, L"a", L"", L",;"}, L"parseID:7 FunctionID:1 CheckID:0 HKEY:0 Parameter1:,;(2)"),
+        Accepted("FunctionID above the analyzer range is left to dispatch", Rules(R"({"ParseID":1,"FunctionID":23})"),
+                 RegRule{1, 23}, L"parseID:1 FunctionID:23 CheckID:0 HKEY:0"),
+        Accepted("root key as a float is ignored", Rules(R"({"ParseID":3,"FunctionID":1,"RegRootkey":2147483650.0,"RegSubkey":"x"})"),
+                 RegRule{3, 1, 0, 0, 0, L"x"}, L"parseID:3 FunctionID:1 CheckID:0 HKEY:0"),
         Accepted("root key above 32 bits keeps its low 32 bits",
                  Rules(R"({"ParseID":3,"FunctionID":1,"RegRootkey":6442450947,"RegSubkey":"x"})"),
-                 Rule(3, 1, 0, 0, HKU, L"x"), L"parseID:3 FunctionID:1 CheckID:0 HKEY:HKEY_USERS SubKey:x"),
-        Accepted("root key beyond signed 64 bits is ignored",
-                 Rules(R"({"ParseID":3,"FunctionID":1,"RegRootkey":18446744073709551615})"),
-                 Rule(3, 1, 0, 0, 0), L"parseID:3 FunctionID:1 CheckID:0 HKEY:0"),
-        Accepted("CheckID beyond signed 32 bits leaves the field 0",
-                 Rules(R"({"ParseID":4,"FunctionID":1,"CheckID":4294967295})"), Rule(4, 1, 0, 0, 0),
-                 L"parseID:4 FunctionID:1 CheckID:0 HKEY:0"),
+                 RegRule{3, 1, 0, 0, HKU, L"x"}, L"parseID:3 FunctionID:1 CheckID:0 HKEY:HKEY_USERS SubKey:x"),
+        Accepted("root key beyond signed 64 bits is ignored", Rules(R"({"ParseID":3,"FunctionID":1,"RegRootkey":18446744073709551615})"),
+                 RegRule{3, 1}, L"parseID:3 FunctionID:1 CheckID:0 HKEY:0"),
+        Accepted("CheckID beyond signed 32 bits leaves the field 0", Rules(R"({"ParseID":4,"FunctionID":1,"CheckID":4294967295})"),
+                 RegRule{4, 1}, L"parseID:4 FunctionID:1 CheckID:0 HKEY:0"),
         Accepted("strings of other JSON types are ignored",
-                 Rules(R"({"ParseID":5,"FunctionID":5,"RegSubkey":true,"RegValueName":null,"Parameter1":5})"),
-                 Rule(5, 5, 0, 0, 0), L"parseID:5 FunctionID:5 CheckID:0 HKEY:0"),
+                 Rules(R"({"ParseID":5,"FunctionID":5,"RegSubkey":true,"RegValueName":null,"Parameter1":5})"), RegRule{5, 5},
+                 L"parseID:5 FunctionID:5 CheckID:0 HKEY:0"),
         Rejected("HKEY_CURRENT_USER root is rejected",
                  Rules(R"({"ParseID":9,"FunctionID":1,"RegRootkey":2147483649,"RegSubkey":"Software"})"),
                  L"9", L"parseID:9 FunctionID:1 CheckID:0 HKEY:NULL SubKey:Software"),
         Rejected("HKEY_LOCAL_MACHINE without sub-key is rejected",
                  Rules(R"({"ParseID":9,"FunctionID":1,"RegRootkey":2147483650,"RegValueName":"v","Parameter1":"p"})"),
                  L"9", L"parseID:9 FunctionID:1 CheckID:0 HKEY:HKEY_LOCAL_MACHINE SubKey:"),
-        Rejected("CheckID 3 is rejected", Rules(R"({"ParseID":5,"FunctionID":5,"CheckID":3})"), L"5",
-                 L"parseID:5 FunctionID:5 CheckID:3 "),
-        Rejected("negative CheckID is rejected as a large unsigned number",
-                 Rules(R"({"ParseID":5,"FunctionID":5,"CheckID":-1})"), L"5", L"parseID:5 FunctionID:5 CheckID:-1 "),
-        Rejected("ParseID 0 is rejected", Rules(R"({"ParseID":0,"FunctionID":5})"), L"0",
-                 L"parseID:0 FunctionID:5 CheckID:0 "),
-        Rejected("FunctionID -1 is rejected", Rules(R"({"ParseID":5,"FunctionID":-1})"), L"5",
-                 L"parseID:5 FunctionID:-1 CheckID:0 "),
+        Rejected("CheckID 3 is rejected, its line with sub-key and value name",
+                 Rules(R"({"ParseID":5,"FunctionID":5,"CheckID":3,"RegRootkey":2147483651,"RegSubkey":"S","RegValueName":"v"})"), L"5",
+                 L"parseID:5 FunctionID:5 CheckID:3 HKEY:HKEY_USERS SubKey:S value:v"),
+        Rejected("negative CheckID is rejected as a large unsigned number", Rules(R"({"ParseID":5,"FunctionID":5,"CheckID":-1})"), L"5",
+                 L"parseID:5 FunctionID:5 CheckID:-1 "),
+        Rejected("ParseID 0 is rejected", Rules(R"({"ParseID":0,"FunctionID":5})"), L"0", L"parseID:0 FunctionID:5 CheckID:0 "),
+        Rejected("FunctionID -1 is rejected, its line with every field and percent signs as they are",
+                 Rules(R"({"ParseID":5,"FunctionID":-1,"RegRootkey":2147483650,"RegSubkey":"%s%d","RegValueName":"%n","Parameter1":"%%"})"),
+                 L"5", L"parseID:5 FunctionID:-1 CheckID:0 HKEY:HKEY_LOCAL_MACHINE SubKey:%s%d value:%n Parameter1:%%"),
         Rejected("floating ParseID is not an integer", Rules(R"({"ParseID":5.0,"FunctionID":5})"), L"0",
                  L"parseID:0 FunctionID:5 CheckID:0 "),
-        ParseRow{"invalid rule does not stop the following ones",
-                 Rules(R"({"ParseID":1,"FunctionID":1,"CheckID":3},{"ParseID":2,"FunctionID":2})"), false,
-                 {Rule(2, 2, 0, 0, 0)},
-                 {LINE_ARRY_ERR L"Rule[0] ParseID:1 Not meet the requirement",
-                  LINE_RULE L"parseID:1 FunctionID:1 CheckID:3 ",
-                  LINE_EX L"[1]parseID:2 FunctionID:2 CheckID:0 HKEY:0"}},
-        ParseRow{"the later rule with the same ParseID wins",
-                 Rules(R"({"ParseID":5,"FunctionID":1,"Parameter1":"first"},{"ParseID":5,"FunctionID":2})"), true,
-                 {Rule(5, 2, 0, 0, 0)},
-                 {LINE_EX L"[0]parseID:5 FunctionID:1 CheckID:0 HKEY:0 Parameter1:first(5)",
-                  LINE_EX L"[1]parseID:5 FunctionID:2 CheckID:0 HKEY:0"}},
-        ParseRow{"an invalid duplicate does not replace the valid rule",
-                 Rules(R"({"ParseID":5,"FunctionID":1},{"ParseID":5,"FunctionID":0})"), false,
-                 {Rule(5, 1, 0, 0, 0)},
-                 {LINE_EX L"[0]parseID:5 FunctionID:1 CheckID:0 HKEY:0",
-                  LINE_ARRY_ERR L"Rule[1] ParseID:5 Not meet the requirement",
-                  LINE_RULE L"parseID:5 FunctionID:0 CheckID:0 "}},
-        ParseRow{"elements that are not objects are skipped",
-                 Rules(R"(1,[],{"ParseID":3,"FunctionID":3})"), false, {Rule(3, 3, 0, 0, 0)},
-                 {LINE_ARRY_ERR L"Rule[0] is not an object", LINE_ARRY_ERR L"Rule[1] is not an object",
-                  LINE_EX L"[2]parseID:3 FunctionID:3 CheckID:0 HKEY:0"}},
-        ParseRow{"RegParseConfig that is an object gives an empty table",
-                 R"({"RegParseConfig":{"ParseID":3,"FunctionID":3}})", true, {}, {}},
-        ParseRow{"missing RegParseConfig gives an empty table", R"({"Other":[{"ParseID":3,"FunctionID":3}]})",
-                 true, {}, {}},
-        ParseRow{"root array gives an empty table", R"([{"RegParseConfig":[]}])", true, {}, {}},
+        {"invalid rule does not stop the following ones", Rules(R"({"ParseID":1,"FunctionID":1,"CheckID":3},{"ParseID":2,"FunctionID":2})"),
+         false, {RegRule{2, 2}},
+         {LINE_ARRY_ERR L"Rule[0] ParseID:1 Not meet the requirement", LINE_RULE L"parseID:1 FunctionID:1 CheckID:3 ",
+          LINE_EX L"[1]parseID:2 FunctionID:2 CheckID:0 HKEY:0"}},
+        {"the later rule with the same ParseID wins",
+         Rules(R"({"ParseID":5,"FunctionID":1,"Parameter1":"first"},{"ParseID":5,"FunctionID":2})"), true, {RegRule{5, 2}},
+         {LINE_EX L"[0]parseID:5 FunctionID:1 CheckID:0 HKEY:0 Parameter1:first(5)",
+          LINE_EX L"[1]parseID:5 FunctionID:2 CheckID:0 HKEY:0"}},
+        {"an invalid duplicate does not replace the valid rule", Rules(R"({"ParseID":5,"FunctionID":1},{"ParseID":5,"FunctionID":0})"),
+         false, {RegRule{5, 1}},
+         {LINE_EX L"[0]parseID:5 FunctionID:1 CheckID:0 HKEY:0", LINE_ARRY_ERR L"Rule[1] ParseID:5 Not meet the requirement",
+          LINE_RULE L"parseID:5 FunctionID:0 CheckID:0 "}},
+        {"elements that are not objects are skipped", Rules(R"(1,[],{"ParseID":3,"FunctionID":3})"), false, {RegRule{3, 3}},
+         {LINE_ARRY_ERR L"Rule[0] is not an object", LINE_ARRY_ERR L"Rule[1] is not an object",
+          LINE_EX L"[2]parseID:3 FunctionID:3 CheckID:0 HKEY:0"}},
+        {"RegParseConfig that is an object gives an empty table", R"({"RegParseConfig":{"ParseID":3,"FunctionID":3}})", true, {}, {}},
+        {"missing RegParseConfig gives an empty table", R"({"Other":[{"ParseID":3,"FunctionID":3}]})", true, {}, {}},
+        {"root array gives an empty table", R"([{"RegParseConfig":[]}])", true, {}, {}},
         Accepted("UTF-8 outside the basic plane counts two characters",
                  "{\"RegParseConfig\":[{\"ParseID\":3,\"FunctionID\":3,\"Parameter1\":\"\xF0\x9F\x98\x80\"}]}",
-                 Rule(3, 3, 0, 0, 0, L"", L"", L"\xD83D\xDE00"),
-                 L"parseID:3 FunctionID:3 CheckID:0 HKEY:0 Parameter1:\xD83D\xDE00(2)"),
+                 RegRule{3, 3, 0, 0, 0, L"", L"", L"\xD83D\xDE00"}, L"parseID:3 FunctionID:3 CheckID:0 HKEY:0 Parameter1:\xD83D\xDE00(2)"),
         Accepted("invalid UTF-8 is replaced, not rejected",
                  "{\"RegParseConfig\":[{\"ParseID\":3,\"FunctionID\":3,\"Parameter1\":\"a\xFF" "b\"}]}",
-                 Rule(3, 3, 0, 0, 0, L"", L"", L"a\xFFFD" L"b"),
-                 L"parseID:3 FunctionID:3 CheckID:0 HKEY:0 Parameter1:a\xFFFD" L"b(3)"),
-        Accepted("an escaped NUL ends a string value",
-                 Rules(R"({"ParseID":3,"FunctionID":3,"Parameter1":"ab\u0000cd"})"),
-                 Rule(3, 3, 0, 0, 0, L"", L"", L"ab"), L"parseID:3 FunctionID:3 CheckID:0 HKEY:0 Parameter1:ab(2)"),
-        Accepted("text after a NUL byte is ignored",
-                 Bytes("{\"RegParseConfig\":[{\"ParseID\":3,\"FunctionID\":3}]}\0garbage"), Rule(3, 3, 0, 0, 0),
-                 L"parseID:3 FunctionID:3 CheckID:0 HKEY:0"),
-        ParseError("a NUL byte inside the document ends the text",
-                   Bytes("{\"RegParseConfig\":[\0{\"ParseID\":3,\"FunctionID\":3}]}"), L"error=3, offset=19"),
-        ParseError("a leading NUL byte reads as empty text", Bytes("\0{\"RegParseConfig\":[]}"), L"error=1, offset=0"),
-        ParseError("trailing comma in the array", "{\"RegParseConfig\":[{\"ParseID\":1}],}", L"error=4, offset=34")),
-    ::kwtest::ByRowName());
+                 RegRule{3, 3, 0, 0, 0, L"", L"", L"a\xFFFD" L"b"}, L"parseID:3 FunctionID:3 CheckID:0 HKEY:0 Parameter1:a\xFFFD" L"b(3)"),
+        Accepted("an escaped NUL ends a string value", Rules(R"({"ParseID":3,"FunctionID":3,"Parameter1":"ab\u0000cd"})"),
+                 RegRule{3, 3, 0, 0, 0, L"", L"", L"ab"}, L"parseID:3 FunctionID:3 CheckID:0 HKEY:0 Parameter1:ab(2)"),
+        Accepted("text after a NUL byte is ignored", Bytes("{\"RegParseConfig\":[{\"ParseID\":3,\"FunctionID\":3}]}\0garbage"),
+                 RegRule{3, 3}, L"parseID:3 FunctionID:3 CheckID:0 HKEY:0"),
+        {"CurrentControlSet in the sub-key is this machine's control set",
+         Rules(R"({"ParseID":2,"FunctionID":9,"RegRootkey":2147483650,"RegSubkey":"SYSTEM\\CurrentControlSet\\Services\\*"})"), true,
+         {RegRule{2, 9, 0, 0, HKLM, L"SYSTEM\\" + cs + L"\\Services\\*"}},
+         {LINE_SUBKEY L"TranslateSubkey old=SYSTEM\\CurrentControlSet\\Services\\* New= SYSTEM\\" + cs + L"\\Services\\*",
+          LINE_EX L"[0]parseID:2 FunctionID:9 CheckID:0 HKEY:HKEY_LOCAL_MACHINE SubKey:SYSTEM\\" + cs + L"\\Services\\*"}},
+        ParseError("a NUL byte inside the document ends the text", Bytes("{\"RegParseConfig\":[\0{\"ParseID\":3,\"FunctionID\":3}]}"),
+                   L"3, offset=19"),
+        ParseError("a leading NUL byte reads as empty text", Bytes("\0{\"RegParseConfig\":[]}"), L"1, offset=0"),
+    };
+    for (const ParseRow& row : rows) {
+        SCOPED_TRACE(row.name);
+        ScopedSink cap;
+        RuleTable table{{999, RegRule{999, 1}}};  // a table that is not empty beforehand
+        EXPECT_EQ(row.result, ConfigRuleParse().Json2RuleArry(row.text, table));
+        ExpectTable(row.rules, table);
+        EXPECT_EQ(row.lines, cap.Texts());
+    }
+}
 
 // Iterative parsing must report what the recursive default reports.
 TEST(Json2RuleArry, ParseErrorsMatchTheDefaultParser) {
@@ -238,85 +198,60 @@ TEST(Json2RuleArry, ParseErrorsMatchTheDefaultParser) {
         ScopedSink cap;
         RuleTable table;
         EXPECT_FALSE(ConfigRuleParse().Json2RuleArry(text, table));
-        std::wstring expected = LINE_ARRY_ERR L"ConfigRuleParse::Json2RuleArry parse json error=" +
-                                std::to_wstring(reference.GetParseError()) + L", offset=" +
-                                std::to_wstring(reference.GetErrorOffset());
-        EXPECT_EQ(std::vector<std::wstring>{expected}, cap.Texts());
-    }
-}
-
-// Running out of memory while parsing is a parse error (code 16, parsing
-// terminated, at the offset reached), never a fault. The cap stands in for
-// the machine's memory.
-struct MemoryRow {
-    const char* name;
-    size_t cbLimit;
-    bool result;
-    size_t rules;
-};
-
-TEST(Json2RuleArryBadInput, OutOfMemoryWhileParsing) {
-    std::string text = "{\"RegParseConfig\":[";
-    for (int i = 1; i <= 200; ++i)
-        text += (i > 1 ? "," : "") + std::string("{\"ParseID\":") + std::to_string(i) +
-                ",\"FunctionID\":5,\"RegSubkey\":\"" + std::string(100, 'k') + "\"}";
-    text += "]}";
-    const MemoryRow rows[] = {{"no memory at all", 0, false, 0},
-                              {"memory for part of the text", 8192, false, 0},
-                              {"enough memory", 1u << 20, true, 200}};
-    for (const MemoryRow& row : rows) {
-        SCOPED_TRACE(row.name);
-        SetRuleParseMemoryLimit(row.cbLimit);
-        ScopedSink cap;
-        RuleTable table;
-        const bool ok = ConfigRuleParse().Json2RuleArry(text, table);
-        SetRuleParseMemoryLimit(SIZE_MAX);
-        EXPECT_EQ(row.result, ok);
-        EXPECT_EQ(row.rules, table.size());
-        if (row.result) continue;
-        ASSERT_EQ(1u, cap.Texts().size());
-        int offset = -1;
-        ASSERT_EQ(1, swscanf(cap.Texts()[0].c_str(),
-                             LINE_ARRY_ERR L"ConfigRuleParse::Json2RuleArry parse json error=16, offset=%d", &offset))
-            << testing::PrintToString(cap.Texts()[0]);
-        EXPECT_LT(offset, static_cast<int>(text.size()));
+        EXPECT_EQ(std::vector<std::wstring>{LINE_PARSE_ERR + std::to_wstring(reference.GetParseError()) + L", offset=" +
+                                            std::to_wstring(reference.GetErrorOffset())},
+                  cap.Texts());
     }
 }
 
 // ---------------------------------------------------------------------------
-// Bad input: deep nesting, many rules, huge strings.
+// Bad input: no memory, deep nesting, many rules, huge strings.
 
-// Deep nesting parses without recursion: the text's rules are read, the
-// nested element skipped and a nested member of a rule ignored.
-TEST(Json2RuleArryBadInput, DeeplyNestedText) {
+// Running out of memory while parsing is a parse error (code 16, parsing
+// terminated, at the offset reached), never a fault; the cap stands in for the
+// machine's memory. Deep nesting parses without recursion: the text's rules are
+// read, the nested element skipped and a nested member of a rule ignored.
+TEST(Json2RuleArryBadInput, NoMemoryAndDeepNesting) {
+    std::string many = "{\"RegParseConfig\":[";
+    for (int i = 1; i <= 200; ++i)
+        many += (i > 1 ? "," : "") + std::string("{\"ParseID\":") + std::to_string(i) + ",\"FunctionID\":5,\"RegSubkey\":\"" +
+                std::string(100, 'k') + "\"}";
+    many += "]}";
     const size_t deep = 100000;
     const std::string open(deep, '['), closed(deep, ']');
     std::string deepObjects;
     for (size_t i = 0; i < deep; ++i) deepObjects += "{\"a\":";
     deepObjects += "0" + std::string(deep, '}');
-    struct Row {
+    const struct {
         const char* name;
         std::string text;
+        size_t cbLimit;
         bool result;
         size_t rules;
+        std::wstring error;  // the parse error line after its "error=", "{n}" for any number
     } rows[] = {
-        {"unclosed arrays", open, false, 0},
-        {"closed arrays as the root", open + closed, true, 0},
-        {"nested element is skipped", "{\"RegParseConfig\":[" + open + closed + ",{\"ParseID\":1,\"FunctionID\":1}]}",
-         false, 1},
-        {"nested member inside a valid rule",
-         "{\"RegParseConfig\":[{\"ParseID\":1,\"Extra\":" + deepObjects + ",\"FunctionID\":2}]}", true, 1},
+        {"no memory at all", many, 0, false, 0, L"16, offset={n}"},
+        {"memory for part of the text", many, 8192, false, 0, L"16, offset={n}"},
+        {"enough memory", many, 1u << 20, true, 200, L""},
+        {"unclosed arrays", open, SIZE_MAX, false, 0, L"3, offset=100000"},
+        {"closed arrays as the root", open + closed, SIZE_MAX, true, 0, L""},
+        {"nested element is skipped", "{\"RegParseConfig\":[" + open + closed + ",{\"ParseID\":1,\"FunctionID\":1}]}", SIZE_MAX, false, 1,
+         L""},
+        {"nested member inside a valid rule", "{\"RegParseConfig\":[{\"ParseID\":1,\"Extra\":" + deepObjects + ",\"FunctionID\":2}]}",
+         SIZE_MAX, true, 1, L""},
     };
-    for (const Row& row : rows) {
+    for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
+        SetRuleParseMemoryLimit(row.cbLimit);
         ScopedSink cap;
         RuleTable table;
-        EXPECT_EQ(row.result, ConfigRuleParse().Json2RuleArry(row.text, table));
+        const bool ok = ConfigRuleParse().Json2RuleArry(row.text, table);
+        SetRuleParseMemoryLimit(SIZE_MAX);
+        EXPECT_EQ(row.result, ok);
         EXPECT_EQ(row.rules, table.size());
-        if (row.rules == 0 && !row.result) {
-            EXPECT_EQ(std::vector<std::wstring>{LINE_ARRY_ERR L"ConfigRuleParse::Json2RuleArry parse json error=3, offset=100000"},
-                      cap.Texts());
-        }
+        if (row.error.empty()) continue;
+        ASSERT_EQ(1u, cap.Texts().size());
+        EXPECT_TRUE(kwtest::LineMatches(cap.Texts()[0], LINE_PARSE_ERR + row.error)) << testing::PrintToString(cap.Texts()[0]);
     }
 }
 
@@ -335,190 +270,90 @@ TEST(Json2RuleArryBadInput, ManyRulesAndHugeStrings) {
     ASSERT_EQ(static_cast<size_t>(count + 1), table.size());
     EXPECT_EQ(L"k100000", table.at(count).RegSubkey);
     const RegRule& huge = table.at(count + 1);
-    EXPECT_EQ(big.size(), huge.RegSubkey.size());
-    EXPECT_EQ(big.size(), huge.RegValueName.size());
-    EXPECT_EQ(big.size(), huge.Parameter1.size());
+    EXPECT_EQ((std::vector<size_t>{big.size(), big.size(), big.size()}),
+              (std::vector<size_t>{huge.RegSubkey.size(), huge.RegValueName.size(), huge.Parameter1.size()}));
     EXPECT_EQ(static_cast<size_t>(count + 1), cap.Texts().size());
 }
 
-// ---------------------------------------------------------------------------
-// ConfigFileToRegditRule.
-
-TEST(ConfigFileToRegditRule, EmptyTextKeepsTheTableAndTracesTheLastError) {
-    ScopedSink cap;
-    RuleTable table;
-    table[7] = Rule(7, 1, 0, 0, 0);
-    SetLastError(1234);
-    EXPECT_FALSE(ConfigRuleParse().ConfigFileToRegditRule(std::string(), table));
-    ExpectTable({Rule(7, 1, 0, 0, 0)}, table);
-    EXPECT_EQ(std::vector<std::wstring>{L"[kwRegAnalyze][ERROR][ConfigRuleParse::ConfigFileToRegditRule] "
-                                        L"ConfigFileToRegditRule ConfigContent.length = 0  Fail:1234"},
-              cap.Texts());
-}
-
-TEST(ConfigFileToRegditRule, TextIsParsedAlsoWithoutSink) {
-    SetLogSink(nullptr);
-    RuleTable table;
-    table[7] = Rule(7, 1, 0, 0, 0);
+// An empty text keeps the table and traces the last error; any other text,
+// parsed also without a sink, replaces the table (a parse error clears it).
+TEST(ConfigFileToRegditRule, EmptyTextKeepsTheTableOtherTextIsParsed) {
+    RuleTable table{{7, RegRule{7, 1}}};
+    {
+        ScopedSink cap;
+        SetLastError(1234);
+        EXPECT_FALSE(ConfigRuleParse().ConfigFileToRegditRule(std::string(), table));
+        EXPECT_EQ(std::vector<std::wstring>{L"[kwRegAnalyze][ERROR][ConfigRuleParse::ConfigFileToRegditRule] "
+                                            L"ConfigFileToRegditRule ConfigContent.length = 0  Fail:1234"},
+                  cap.Texts());
+    }
+    ExpectTable({RegRule{7, 1}}, table);
     EXPECT_TRUE(ConfigRuleParse().ConfigFileToRegditRule(kValid5, table));
-    ExpectTable({Rule(5, 5, 1, 1, HKLM, L"Software\\x", L"v")}, table);
+    ExpectTable({RegRule{5, 5, 1, 1, HKLM, L"Software\\x", L"v"}}, table);
     EXPECT_FALSE(ConfigRuleParse().ConfigFileToRegditRule("{", table));
-    EXPECT_TRUE(table.empty()) << "a parse error clears the table";
-    EXPECT_FALSE(ConfigRuleParse().ConfigFileToRegditRule(std::string(), table));
+    EXPECT_TRUE(table.empty());
 }
 
 // ---------------------------------------------------------------------------
-// TranslateSubkey with a given control-set name.
+// TranslateSubkey with a given control-set name; a changed sub-key is traced.
 
-struct SubkeyRow {
-    const char* name;
-    std::wstring subkey;
-    const wchar_t* controlSet;
-    std::wstring expected;
-    bool traced;
-};
-
-std::ostream& operator<<(std::ostream& os, const SubkeyRow& r) { return os << r.name; }
-
-class TranslateSubkeyTest : public ::testing::TestWithParam<SubkeyRow> {};
-
-TEST_P(TranslateSubkeyTest, Rewrites) {
-    const SubkeyRow& row = GetParam();
-    ScopedSink cap;
-    RegRule rule = Rule(1, 1, 0, 0, HKLM, row.subkey.c_str());
-    EXPECT_TRUE(ConfigRuleParse().TranslateSubkey(rule, row.controlSet));
-    EXPECT_EQ(row.expected, rule.RegSubkey);
-    std::vector<std::wstring> expectedLines;
-    if (row.traced) expectedLines.push_back(LINE_SUBKEY L"TranslateSubkey old=" + row.subkey + L" New= " + row.expected);
-    EXPECT_EQ(expectedLines, cap.Texts());
+TEST(TranslateSubkey, Rewrites) {
+    const std::wstring a511(511, L'a'), r1100(1100, L'r'), longName = L"ControlSetWithAVeryLongNameOfFortyChars!";
+    const struct {
+        const char* name;
+        std::wstring subkey;
+        std::wstring expected;
+        const wchar_t* controlSet = L"ControlSet001";
+    } rows[] = {
+        {"control set 1", L"SYSTEM\\CurrentControlSet\\Services\\*", L"SYSTEM\\ControlSet001\\Services\\*"},
+        {"token in other case", L"system\\currentcontrolset\\services", L"system\\ControlSet001\\services"},
+        {"token at the start has no prefix", L"CurrentControlSet\\Services", L"\\ControlSet001\\Services"},
+        {"only the first token", L"A\\CurrentControlSet\\B\\CurrentControlSet", L"A\\ControlSet001\\B\\CurrentControlSet"},
+        {"the character before the token is replaced by a backslash", L"SYSTEM/CurrentControlSetX", L"SYSTEM\\ControlSet001X"},
+        {"no token leaves the sub-key", L"Software\\Microsoft\\Run", L"Software\\Microsoft\\Run"},
+        {"prefix of 511 characters is kept", a511 + L"\\CurrentControlSet\\x", a511 + L"\\ControlSet001\\x"},
+        {"prefix of 512 characters is cut to 511", a511 + L"a\\CurrentControlSet\\x", a511 + L"\\ControlSet001\\x"},
+        {"token ending at character 1023 is found", std::wstring(1005, L'a') + L"\\CurrentControlSet", a511 + L"\\ControlSet001"},
+        {"token beyond character 1023 is not seen", std::wstring(1006, L'a') + L"\\CurrentControlSet",
+         std::wstring(1006, L'a') + L"\\CurrentControlSet"},
+        {"result is cut to 1023 characters", L"S\\CurrentControlSet\\" + r1100, (L"S\\" + longName + L"\\" + r1100).substr(0, 1023),
+         longName.c_str()},
+        {"null name counts as empty", L"SYSTEM\\CurrentControlSet\\Services", L"SYSTEM\\\\Services", nullptr},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        ScopedSink cap;
+        RegRule rule{1, 1, 0, 0, HKLM, row.subkey};
+        EXPECT_TRUE(ConfigRuleParse().TranslateSubkey(rule, row.controlSet));
+        EXPECT_EQ(row.expected, rule.RegSubkey);
+        std::vector<std::wstring> lines;
+        if (row.expected != row.subkey) lines.push_back(LINE_SUBKEY L"TranslateSubkey old=" + row.subkey + L" New= " + row.expected);
+        EXPECT_EQ(lines, cap.Texts());
+    }
 }
-
-const std::wstring A511(511, L'a');
-const std::wstring A512(512, L'a');
-const std::wstring R1100(1100, L'r');
-
-INSTANTIATE_TEST_SUITE_P(
-    Rows, TranslateSubkeyTest,
-    ::testing::Values(
-        SubkeyRow{"control set 1", L"SYSTEM\\CurrentControlSet\\Services\\*", L"ControlSet001",
-                  L"SYSTEM\\ControlSet001\\Services\\*", true},
-        SubkeyRow{"token in other case", L"system\\currentcontrolset\\services", L"ControlSet001",
-                  L"system\\ControlSet001\\services", true},
-        SubkeyRow{"token at the start has no prefix", L"CurrentControlSet\\Services", L"ControlSet001",
-                  L"\\ControlSet001\\Services", true},
-        SubkeyRow{"only the first token", L"A\\CurrentControlSet\\B\\CurrentControlSet", L"ControlSet001",
-                  L"A\\ControlSet001\\B\\CurrentControlSet", true},
-        SubkeyRow{"the character before the token is replaced by a backslash", L"SYSTEM/CurrentControlSetX",
-                  L"ControlSet001", L"SYSTEM\\ControlSet001X", true},
-        SubkeyRow{"no token leaves the sub-key", L"Software\\Microsoft\\Run", L"ControlSet001",
-                  L"Software\\Microsoft\\Run", false},
-        SubkeyRow{"prefix of 511 characters is kept", A511 + L"\\CurrentControlSet\\x", L"ControlSet001",
-                  A511 + L"\\ControlSet001\\x", true},
-        SubkeyRow{"prefix of 512 characters is cut to 511", A512 + L"\\CurrentControlSet\\x", L"ControlSet001",
-                  A511 + L"\\ControlSet001\\x", true},
-        SubkeyRow{"token ending at character 1023 is found",
-                  std::wstring(1005, L'a') + L"\\CurrentControlSet", L"ControlSet001",
-                  A511 + L"\\ControlSet001", true},
-        SubkeyRow{"token beyond character 1023 is not seen",
-                  std::wstring(1006, L'a') + L"\\CurrentControlSet", L"ControlSet001",
-                  std::wstring(1006, L'a') + L"\\CurrentControlSet", false},
-        SubkeyRow{"result is cut to 1023 characters", L"S\\CurrentControlSet\\" + R1100,
-                  L"ControlSetWithAVeryLongNameOfFortyChars!",
-                  (L"S\\ControlSetWithAVeryLongNameOfFortyChars!\\" + R1100).substr(0, 1023), true}),
-    ::kwtest::ByRowName());
-
-TEST(TranslateSubkey, NullNameCountsAsEmpty) {
-    RegRule rule = Rule(1, 1, 0, 0, HKLM, L"SYSTEM\\CurrentControlSet\\Services");
-    EXPECT_TRUE(ConfigRuleParse().TranslateSubkey(rule, nullptr));
-    EXPECT_EQ(L"SYSTEM\\\\Services", rule.RegSubkey);
-}
-
-// The name of this machine's current control set, read from the prefix's registry.
-TEST(TranslateSubkey, UsesTheCurrentControlSetOfTheRegistry) {
-    const std::wstring name = kwtest::ControlSetNameFromRegistry();
-    ASSERT_FALSE(name.empty()) << "the prefix has no System\\Select Current";
-    RuleTable table;
-    EXPECT_TRUE(ConfigRuleParse().Json2RuleArry(
-        R"({"RegParseConfig":[{"ParseID":2,"FunctionID":9,"CheckID":2,"RegRootkey":2147483650,"RegSubkey":"SYSTEM\\CurrentControlSet\\Services\\*"}]})",
-        table));
-    const std::wstring expected = L"SYSTEM\\" + name + L"\\Services\\*";
-    ExpectTable({Rule(2, 9, 2, 0, HKLM, expected.c_str())}, table);
-}
-
-// ---------------------------------------------------------------------------
-// The two rule trace operations, every case of their formats.
-
-struct PrintRow {
-    const char* name;
-    RegRule rule;
-    std::wstring plain;     // PRINTF_REGRULE
-    std::wstring indexed;   // PRINTF_REGRULE_EX with index 3
-};
-
-std::ostream& operator<<(std::ostream& os, const PrintRow& r) { return os << r.name; }
-
-class PrintRuleTest : public ::testing::TestWithParam<PrintRow> {};
-
-TEST_P(PrintRuleTest, Lines) {
-    const PrintRow& row = GetParam();
-    ScopedSink cap;
-    ConfigRuleParse().PRINTF_REGRULE(row.rule);
-    ConfigRuleParse().PRINTF_REGRULE_EX(3, row.rule);
-    EXPECT_EQ((std::vector<std::wstring>{LINE_RULE + row.plain, LINE_EX + row.indexed}), cap.Texts());
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Rows, PrintRuleTest,
-    ::testing::Values(
-        PrintRow{"root and sub-key without value name", Rule(1, 2, 1, 0, HKLM, L"S\\k", L"", L"p"),
-                 L"parseID:1 FunctionID:2 CheckID:1 HKEY:HKEY_LOCAL_MACHINE SubKey:S\\k",
-                 L"[3]parseID:1 FunctionID:2 CheckID:1 HKEY:HKEY_LOCAL_MACHINE SubKey:S\\k"},
-        PrintRow{"root and value name without sub-key", Rule(1, 2, 1, 1, HKU, L"", L"v", L"p"),
-                 L"parseID:1 FunctionID:2 CheckID:1 HKEY:HKEY_USERS SubKey:",
-                 L"[3]parseID:1 FunctionID:2 CheckID:1 HKEY:HKEY_USERS SubKey:"},
-        PrintRow{"sub-key and value name without parameter", Rule(1, 2, 1, 1, HKU, L"S", L"v"),
-                 L"parseID:1 FunctionID:2 CheckID:1 HKEY:HKEY_USERS SubKey:S value:v",
-                 L"[3]parseID:1 FunctionID:2 CheckID:1 HKEY:HKEY_USERS SubKey:S value:v"},
-        PrintRow{"every field", Rule(1, 2, 1, 1, HKLM, L"S", L"v", L"p1"),
-                 L"parseID:1 FunctionID:2 CheckID:1 HKEY:HKEY_LOCAL_MACHINE SubKey:S value:v Parameter1:p1",
-                 L"[3]parseID:1 FunctionID:2 CheckID:1 HKEY:HKEY_LOCAL_MACHINE SubKey:S value:v Parameter1:p1(2)"},
-        PrintRow{"percent signs in text are printed as they are", Rule(1, 2, 0, 1, HKLM, L"%s\\%d", L"%n", L"%%"),
-                 L"parseID:1 FunctionID:2 CheckID:0 HKEY:HKEY_LOCAL_MACHINE SubKey:%s\\%d value:%n Parameter1:%%",
-                 L"[3]parseID:1 FunctionID:2 CheckID:0 HKEY:HKEY_LOCAL_MACHINE SubKey:%s\\%d value:%n Parameter1:%%(2)"}),
-    ::kwtest::ByRowName());
 
 // ---------------------------------------------------------------------------
 // Conversion through the host's base library when it is loaded.
 
-using CounterFn = long(__stdcall*)();
-
-std::wstring HelperPath(const wchar_t* file) {
-    wchar_t self[MAX_PATH] = {0};
-    GetModuleFileNameW(nullptr, self, MAX_PATH);
-    std::wstring dir(self);
-    return dir.substr(0, dir.find_last_of(L'\\') + 1) + file;
-}
-
 TEST(RuleTextConversion, BaseLibraryConvertsWhenLoaded) {
-    unique_module base(LoadLibraryW(HelperPath(L"HolmBase.dll").c_str()));
+    unique_module base(LoadLibraryW(L"HolmBase.dll"));  // the program's folder is searched first
     ASSERT_TRUE(base) << "stand-in HolmBase.dll not built beside the test";
-    auto calls = reinterpret_cast<CounterFn>(reinterpret_cast<void*>(GetProcAddress(base.get(), "HolmBaseConvertCalls")));
-    auto live = reinterpret_cast<CounterFn>(reinterpret_cast<void*>(GetProcAddress(base.get(), "HolmBaseLiveObjects")));
-    auto codePage = reinterpret_cast<CounterFn>(reinterpret_cast<void*>(GetProcAddress(base.get(), "HolmBaseLastCodePage")));
+    using CounterFn = long(__stdcall*)();
+    auto counter = [&](const char* name) { return reinterpret_cast<CounterFn>(reinterpret_cast<void*>(GetProcAddress(base.get(), name))); };
+    CounterFn calls = counter("HolmBaseConvertCalls"), live = counter("HolmBaseLiveObjects"), codePage = counter("HolmBaseLastCodePage");
     ASSERT_TRUE(calls && live && codePage);
 
     const long before = calls();
     RuleTable table;
     EXPECT_TRUE(ConfigRuleParse().Json2RuleArry(
-        "{\"RegParseConfig\":[{\"ParseID\":1,\"FunctionID\":1,\"RegRootkey\":2147483651,\"RegSubkey\":\"S\\\\k\","
-        "\"RegValueName\":\"\xE5\x90\x8D\",\"Parameter1\":\"p\"},{\"ParseID\":2,\"FunctionID\":1,\"Parameter1\":\"\"}]}",
+        Rules("{\"ParseID\":1,\"FunctionID\":1,\"RegRootkey\":2147483651,\"RegSubkey\":\"S\\\\k\",\"RegValueName\":\"\xE5\x90\x8D\","
+              "\"Parameter1\":\"p\"},{\"ParseID\":2,\"FunctionID\":1,\"Parameter1\":\"\"}"),
         table));
-    ExpectTable({Rule(1, 1, 0, 1, HKU, L"S\\k", L"\u540d", L"p"), Rule(2, 1, 0, 0, 0)}, table);
+    ExpectTable({RegRule{1, 1, 0, 1, HKU, L"S\\k", L"\u540d", L"p"}, RegRule{2, 1}}, table);
     // Three non-empty strings, each a size query and a conversion; the empty one needs none.
     EXPECT_EQ(6, calls() - before);
     EXPECT_EQ(65001, codePage());
     EXPECT_EQ(0, live()) << "every converter object is released";
-
     {
         CRuleTextConverter conv;
         EXPECT_TRUE(conv.UsesBaseLibrary());

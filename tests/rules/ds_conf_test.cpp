@@ -10,7 +10,6 @@
 
 #include <gtest/gtest.h>
 
-#include <thread>
 #include <vector>
 
 using namespace kw;
@@ -24,28 +23,14 @@ std::wstring ModuleDir() {
     return p.substr(0, p.find_last_of(L'\\'));
 }
 
-// Files beside the module, removed on scope exit.
-class BesideModuleFile {
-public:
-    BesideModuleFile(const wchar_t* name, const std::string& content) : m_path(ModuleDir() + L"\\" + name) {
-        kwtest::MakeFile(m_path, content);
-    }
-    ~BesideModuleFile() { DeleteFileW(m_path.c_str()); }
-
-private:
-    std::wstring m_path;
-};
-
-TEST(DSConf, FileNamesAreInTheModuleFolder) {
-    CDSConf conf;
-    EXPECT_EQ(kwtest::Upper(ModuleDir() + L"\\dscon.dat"), kwtest::Upper(conf.m_confPath));
-    EXPECT_EQ(kwtest::Upper(ModuleDir() + L"\\dsconz.dat"), kwtest::Upper(conf.m_confzPath));
-}
-
+// The two file names are beside the module; files there are never read.
 TEST(DSConf, EmptyEvenWhenTheFilesExist) {
-    BesideModuleFile a(L"dscon.dat", "[x]\r\ncount=5\r\n");
-    BesideModuleFile b(L"dsconz.dat", std::string(64, '\x01'));
+    const std::wstring confPath = ModuleDir() + L"\\dscon.dat", confzPath = ModuleDir() + L"\\dsconz.dat";
+    EXPECT_TRUE(kwtest::MakeFile(confPath, "[x]\r\ncount=5\r\n"));
+    EXPECT_TRUE(kwtest::MakeFile(confzPath, std::string(64, '\x01')));
     CDSConf conf;
+    EXPECT_EQ(kwtest::Upper(confPath), kwtest::Upper(conf.m_confPath));
+    EXPECT_EQ(kwtest::Upper(confzPath), kwtest::Upper(conf.m_confzPath));
     int count = 77;
     EXPECT_FALSE(conf.GetCount(&count));
     EXPECT_EQ(0, count);
@@ -53,19 +38,18 @@ TEST(DSConf, EmptyEvenWhenTheFilesExist) {
     EXPECT_TRUE(conf.GetExternalCommands().empty());
     EXPECT_TRUE(conf.m_atl1.empty() && conf.m_atl2.empty() && conf.m_str1.empty() && conf.m_str2.empty() &&
                 conf.m_str3.empty());
+    DeleteFileW(confPath.c_str());
+    DeleteFileW(confzPath.c_str());
 }
 
-struct CountRow {
-    const char* name;
-    int stored;
-    bool result;
-    int reported;
-};
-
 TEST(DSConf, CountIsReportedFromOne) {
-    const CountRow rows[] = {
-        {"negative", -1, false, 0}, {"zero", 0, false, 0}, {"one", 1, true, 1}};
-    for (const CountRow& row : rows) {
+    const struct {
+        const char* name;
+        int stored;
+        bool result;
+        int reported;
+    } rows[] = {{"negative", -1, false, 0}, {"zero", 0, false, 0}, {"one", 1, true, 1}};
+    for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
         CDSConf conf;
         conf.m_count = row.stored;
