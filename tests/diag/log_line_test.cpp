@@ -14,14 +14,7 @@ using namespace kw;
 namespace {
 
 SYSTEMTIME Time(WORD y, WORD mo, WORD d, WORD h = 9, WORD mi = 7, WORD s = 3) {
-    SYSTEMTIME t{};
-    t.wYear = y;
-    t.wMonth = mo;
-    t.wDay = d;
-    t.wHour = h;
-    t.wMinute = mi;
-    t.wSecond = s;
-    return t;
+    return SYSTEMTIME{y, mo, 0, d, h, mi, s, 0};
 }
 
 bool Compose(std::wstring& line, int level, int dataSize, int threadId, const char* src,
