@@ -16,12 +16,6 @@ namespace {
 
 const wchar_t kLinePrefix[] = L"[kwRegAnalyze][INFO ][";
 
-std::vector<std::wstring> PostValue(PluginHost& host, const std::wstring& data) {
-    const std::wstring name = L"vn";
-    std::unique_ptr<Event> ev(Event::RegistrySz(L"HKEY_LOCAL_MACHINE\\SOFTWARE\\kwtest-rules", name, data));
-    return host.PostRegistry(*ev, (2u << 16) | 6);
-}
-
 // The rule table is one per process: each step's host analyses with the first
 // text that gave a valid rule. Rule 6 takes the data as a path (FunctionID 5);
 // the ignored text would take the value name instead (FunctionID 20).
@@ -48,7 +42,8 @@ KW_CHILD_TEST(RuleSharing, EveryObjectAndEveryInitAnalysesWithTheRules) {
         SCOPED_TRACE(s.name);
         EXPECT_TRUE(s.host->Init(s.text));
         s.host->Engine().ClearLines();
-        std::vector<std::wstring> targets = PostValue(*s.host, exe);
+        std::unique_ptr<Event> ev(Event::RegistrySz(L"HKEY_LOCAL_MACHINE\\SOFTWARE\\kwtest-rules", L"vn", exe));
+        std::vector<std::wstring> targets = s.host->PostRegistry(*ev, (2u << 16) | 6);
         for (auto& t : targets) t = kwtest::Upper(t);
         EXPECT_EQ(s.targets, targets);
         EXPECT_EQ(s.targets.empty(), s.host->Engine().HasLine(L"co.GetParseRule Fail"));
@@ -116,20 +111,18 @@ TEST(RequestStrings, KeyPathAndRenamePathAsOneString) {
     EXPECT_TRUE(HeapValidate(GetProcessHeap(), 0, nullptr));
 }
 
-struct ClassRow {
-    const char* name;
-    bool driverEvent;
-    uint32_t cls;
-    const wchar_t* classLine;  // null: no class line at all
-};
-
 TEST(PostProcessEvent, ClassLineOnlyForARequestThatExists) {
-    const ClassRow rows[] = {{"no driver event", false, 2, nullptr},
+    struct {
+        const char* name;
+        bool driverEvent;
+        uint32_t cls;
+        const wchar_t* classLine;  // null: no class line at all
+    } rows[] = {{"no driver event", false, 2, nullptr},
                              {"file request", true, 1, L"Class=1(rd=2)"},
                              {"unknown class", true, 0, L"Class=0(rd=2)"}};
     PluginHost host;
     ASSERT_TRUE(host.Load() && host.Create() && host.Init("{}"));
-    for (const ClassRow& r : rows) {
+    for (const auto& r : rows) {
         SCOPED_TRACE(r.name);
         Event ev;
         ev.Req().Class = r.cls;
@@ -137,9 +130,7 @@ TEST(PostProcessEvent, ClassLineOnlyForARequestThatExists) {
         host.Engine().ClearLines();
         host.PostRegistry(ev, 0);
         EXPECT_EQ(r.classLine != nullptr, host.Engine().HasLine(L"(rd=2)"));
-        if (r.classLine) {
-            EXPECT_TRUE(host.Engine().HasLine(r.classLine));
-        }
+        EXPECT_TRUE(!r.classLine || host.Engine().HasLine(r.classLine)) << "no line " << testing::PrintToString(r.classLine);
     }
 }
 
