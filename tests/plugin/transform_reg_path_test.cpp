@@ -18,77 +18,67 @@ namespace {
 
 constexpr wchar_t kGuard = L'#';
 
-struct SplitRow {
-    const char* name;
-    std::wstring path;
-    uint32_t root;
-    std::wstring subKey;
-};
-
-std::ostream& operator<<(std::ostream& os, const SplitRow& r) { return os << r.name; }
-
-class TransformRegPathTest : public ::testing::TestWithParam<SplitRow> {};
-
-TEST_P(TransformRegPathTest, SplitsIntoStringAndBuffer) {
-    const SplitRow& row = GetParam();
-    ScopedSink cap;
-    uint32_t root = 0x1234;
-    std::wstring sub = L"stale";
-    EXPECT_TRUE(TransformRegPath(row.path.c_str(), &root, &sub));
-    EXPECT_EQ(row.root, root);
-    EXPECT_EQ(row.subKey, sub);
-
-    std::vector<wchar_t> buf(1025, kGuard);
-    root = 0;
-    EXPECT_TRUE(TransformRegPath(row.path.c_str(), &root, buf.data(), 1024));
-    EXPECT_EQ(row.root, root);
-    EXPECT_EQ(row.subKey, buf.data());
-    EXPECT_EQ(kGuard, buf[1024]);
-    EXPECT_TRUE(cap.Texts().empty());
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Rows, TransformRegPathTest,
-    ::testing::Values(
-        SplitRow{"users", L"HKEY_USERS\\S-1-5-18\\x", KW_HKEY_USERS, L"S-1-5-18\\x"},
-        SplitRow{"local machine", L"HKEY_LOCAL_MACHINE\\SOFTWARE\\Microsoft", KW_HKEY_LOCAL_MACHINE,
-                 L"SOFTWARE\\Microsoft"},
-        SplitRow{"kernel user", L"\\REGISTRY\\USER\\S-1-5-18\\x", KW_HKEY_USERS, L"S-1-5-18\\x"},
-        SplitRow{"kernel hardware profile",
-                 L"\\REGISTRY\\MACHINE\\SYSTEM\\CURRENTCONTROLSET\\HARDWARE PROFILES\\CURRENT\\Software",
-                 KW_HKEY_CURRENT_CONFIG, L"Software"},
-        SplitRow{"kernel classes", L"\\REGISTRY\\MACHINE\\SOFTWARE\\CLASSES\\.exe", KW_HKEY_CLASSES_ROOT, L".exe"},
-        SplitRow{"kernel machine software outside classes", L"\\REGISTRY\\MACHINE\\SOFTWARE\\Microsoft",
-                 KW_HKEY_LOCAL_MACHINE, L"SOFTWARE\\Microsoft"},
-        SplitRow{"kernel hardware profile of a concrete set is plain machine",
-                 L"\\REGISTRY\\MACHINE\\SYSTEM\\ControlSet001\\Hardware Profiles\\Current\\x", KW_HKEY_LOCAL_MACHINE,
-                 L"SYSTEM\\ControlSet001\\Hardware Profiles\\Current\\x"},
-        SplitRow{"long name in other case", L"hkey_local_machine\\x", KW_HKEY_LOCAL_MACHINE, L"x"},
-        SplitRow{"kernel path in other case", L"\\registry\\machine\\software\\classes\\CLSID", KW_HKEY_CLASSES_ROOT,
-                 L"CLSID"},
-        SplitRow{"separator is not checked", L"HKEY_USERSX\\a", KW_HKEY_USERS, L"a"},
-        SplitRow{"doubled separator", L"HKEY_LOCAL_MACHINE\\\\SOFTWARE", KW_HKEY_LOCAL_MACHINE, L"SOFTWARE"},
-        SplitRow{"classes prefix inside a longer name", L"\\REGISTRY\\MACHINE\\SOFTWARE\\CLASSES2\\x",
-                 KW_HKEY_CLASSES_ROOT, L"x"},
-        SplitRow{"long name alone", L"HKEY_USERS", KW_HKEY_USERS, L""},
-        SplitRow{"long name and separator", L"HKEY_LOCAL_MACHINE\\", KW_HKEY_LOCAL_MACHINE, L""},
-        SplitRow{"kernel classes one short is plain machine", L"\\REGISTRY\\MACHINE\\SOFTWARE\\CLASSE",
-                 KW_HKEY_LOCAL_MACHINE, L"SOFTWARE\\CLASSE"}),
-    ::kwtest::ByRowName());
-
-TEST(TransformRegPath, UnknownRootIsRefusedWithItsLine) {
-    const wchar_t* paths[] = {L"HKEY_USER", L"", L"\\REGISTRY\\MACHIN", L" HKEY_USERS\\x"};
-    for (const wchar_t* path : paths) {
-        SCOPED_TRACE(testing::PrintToString(std::wstring(path)));
+// Each row through both forms: into a string and into a 1024-character
+// buffer (the character after it stays untouched). A refused path leaves the
+// outputs as they were and says so once.
+TEST(TransformRegPath, SplitsIntoStringAndBuffer) {
+    struct {
+        const char* name;
+        std::wstring path;
+        uint32_t root;  // 0: refused as an unknown root
+        std::wstring subKey;
+    } rows[] = {
+        {"users", L"HKEY_USERS\\S-1-5-18\\x", KW_HKEY_USERS, L"S-1-5-18\\x"},
+        {"local machine", L"HKEY_LOCAL_MACHINE\\SOFTWARE\\Microsoft", KW_HKEY_LOCAL_MACHINE,
+         L"SOFTWARE\\Microsoft"},
+        {"kernel user", L"\\REGISTRY\\USER\\S-1-5-18\\x", KW_HKEY_USERS, L"S-1-5-18\\x"},
+        {"kernel hardware profile",
+         L"\\REGISTRY\\MACHINE\\SYSTEM\\CURRENTCONTROLSET\\HARDWARE PROFILES\\CURRENT\\Software",
+         KW_HKEY_CURRENT_CONFIG, L"Software"},
+        {"kernel classes", L"\\REGISTRY\\MACHINE\\SOFTWARE\\CLASSES\\.exe", KW_HKEY_CLASSES_ROOT, L".exe"},
+        {"kernel machine software outside classes", L"\\REGISTRY\\MACHINE\\SOFTWARE\\Microsoft",
+         KW_HKEY_LOCAL_MACHINE, L"SOFTWARE\\Microsoft"},
+        {"kernel hardware profile of a concrete set is plain machine",
+         L"\\REGISTRY\\MACHINE\\SYSTEM\\ControlSet001\\Hardware Profiles\\Current\\x", KW_HKEY_LOCAL_MACHINE,
+         L"SYSTEM\\ControlSet001\\Hardware Profiles\\Current\\x"},
+        {"long name in other case", L"hkey_local_machine\\x", KW_HKEY_LOCAL_MACHINE, L"x"},
+        {"kernel path in other case", L"\\registry\\machine\\software\\classes\\CLSID", KW_HKEY_CLASSES_ROOT,
+         L"CLSID"},
+        {"separator is not checked", L"HKEY_USERSX\\a", KW_HKEY_USERS, L"a"},
+        {"doubled separator", L"HKEY_LOCAL_MACHINE\\\\SOFTWARE", KW_HKEY_LOCAL_MACHINE, L"SOFTWARE"},
+        {"classes prefix inside a longer name", L"\\REGISTRY\\MACHINE\\SOFTWARE\\CLASSES2\\x",
+         KW_HKEY_CLASSES_ROOT, L"x"},
+        {"long name alone", L"HKEY_USERS", KW_HKEY_USERS, L""},
+        {"long name and separator", L"HKEY_LOCAL_MACHINE\\", KW_HKEY_LOCAL_MACHINE, L""},
+        {"kernel classes one short is plain machine", L"\\REGISTRY\\MACHINE\\SOFTWARE\\CLASSE",
+         KW_HKEY_LOCAL_MACHINE, L"SOFTWARE\\CLASSE"},
+        {"long name one short", L"HKEY_USER", 0, L""},
+        {"empty path", L"", 0, L""},
+        {"kernel name one short", L"\\REGISTRY\\MACHIN", 0, L""},
+        {"leading space", L" HKEY_USERS\\x", 0, L""},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
         ScopedSink cap;
         uint32_t root = 0x1234;
         std::wstring sub = L"stale";
-        EXPECT_FALSE(TransformRegPath(path, &root, &sub));
-        EXPECT_EQ(0x1234u, root);
-        EXPECT_EQ(L"stale", sub);
-        EXPECT_EQ(std::vector<std::wstring>{L"[kwRegAnalyze][ERROR][TransformRegPath] error ===> unknown reg root key: " +
-                                            std::wstring(path)},
-                  cap.Texts());
+        std::vector<wchar_t> buf(1025, kGuard);
+        uint32_t bufRoot = 0x1234;
+        EXPECT_EQ(row.root != 0, TransformRegPath(row.path.c_str(), &root, &sub));
+        EXPECT_EQ(row.root != 0, TransformRegPath(row.path.c_str(), &bufRoot, buf.data(), 1024));
+        EXPECT_EQ(kGuard, buf[1024]);
+        if (row.root == 0) {
+            EXPECT_EQ(0x1234u, root);
+            EXPECT_EQ(L"stale", sub);
+            const std::wstring line = L"[kwRegAnalyze][ERROR][TransformRegPath] error ===> unknown reg root key: " + row.path;
+            EXPECT_EQ((std::vector<std::wstring>{line, line}), cap.Texts());
+            continue;
+        }
+        EXPECT_EQ(row.root, root);
+        EXPECT_EQ(row.subKey, sub);
+        EXPECT_EQ(row.root, bufRoot);
+        EXPECT_EQ(row.subKey, buf.data());
+        EXPECT_TRUE(cap.Texts().empty());
     }
 }
 
