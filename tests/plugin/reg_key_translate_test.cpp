@@ -4,10 +4,8 @@
 #include "plugin/reg_key_translate.h"
 
 #include "common/strutil.h"
-#include "resolve/wow64.h"
 #include "support/control_set_select.h"
 #include "support/fixtures.h"
-#include "support/kit.h"
 #include "support/trace_capture.h"
 
 #include <gtest/gtest.h>
@@ -142,15 +140,11 @@ TEST(Translate, UserLevelForm) {
         EXPECT_EQ(WithSid(row.expected), out.data());
         EXPECT_EQ(kGuard, out[row.cchOut]) << "wrote past the output";
     }
-}
-
-TEST(Translate, RefusesMissingArguments) {
     CRegKeyTranslate t;
-    wchar_t out[4];
-    wmemset(out, kGuard, 4);
-    EXPECT_FALSE(t.Translate(GetCurrentProcessId(), nullptr, out, sizeof(out)));
-    EXPECT_FALSE(t.Translate(GetCurrentProcessId(), L"HKEY_LOCAL_MACHINE\\x", nullptr, 2048));
-    EXPECT_FALSE(t.Translate(GetCurrentProcessId(), L"HKEY_LOCAL_MACHINE\\x", out, 0));
+    wchar_t out[4] = {kGuard};
+    EXPECT_FALSE(t.Translate(GetCurrentProcessId(), nullptr, out, sizeof(out))) << "no key";
+    EXPECT_FALSE(t.Translate(GetCurrentProcessId(), L"HKEY_LOCAL_MACHINE\\x", nullptr, 2048)) << "no output";
+    EXPECT_FALSE(t.Translate(GetCurrentProcessId(), L"HKEY_LOCAL_MACHINE\\x", out, 0)) << "output of no bytes";
     EXPECT_EQ(kGuard, out[0]);
 }
 
