@@ -46,7 +46,7 @@ std::set<std::wstring> FilesIn(const std::wstring& dir) {
 std::wstring Today() {
     SYSTEMTIME t;
     GetLocalTime(&t);
-    return std::to_wstring(t.wYear) + L"-" + std::to_wstring(t.wMonth) + L"-" + std::to_wstring(t.wDay);
+    return kw::FormatW("%d-%d-%d", t.wYear, t.wMonth, t.wDay);
 }
 
 // What one probe run produced.
@@ -206,25 +206,18 @@ INSTANTIATE_TEST_SUITE_P(
 
 }  // namespace
 
-// A writer that polled its queue would use about one processor for the whole
-// idle period.
-TEST(LogWriterIdleCpu, BackgroundWriterUsesNoCpuWhileIdle) {
-    kwtest::TempDir dir(L"kwlogidle");
-    ProbeRun run = RunProbeIn(dir, kAsync, false, L"--lines 1 --idle-ms 2000 --stop");
-    ASSERT_EQ(0, run.exitCode) << run.output;
-    ASSERT_NE("", run.Value("idleCpuMs")) << run.output;
-    EXPECT_LT(atof(run.Value("idleCpuMs").c_str()), 200.0) << "process CPU (ms) over 2000 ms idle";
-}
-
-// Twenty rounds of load, write, stop, unload: the writer's objects go with
+// The background writer's resources, in one probe run. A writer that polled
+// its queue would use about one processor for the whole idle period. Then
+// twenty rounds of load, write, stop, unload: the writer's objects go with
 // the module. What the system keeps per load (measured by as many rounds that
 // only load and unload) is not the writer's; a writer left behind would add
 // about a dozen heap blocks per round.
-TEST(LogWriterDll, NothingLeftBehindPerLoadAndUnload) {
-    kwtest::TempDir dir(L"kwlogleak");
-    ProbeRun run = RunProbeIn(dir, kAsync, true, L"--dll 20");
+TEST(LogWriterResources, NoCpuWhileIdleAndNothingLeftBehindPerDllUnload) {
+    kwtest::TempDir dir(L"kwlogres");
+    ProbeRun run = RunProbeIn(dir, kAsync, true, L"--lines 1 --idle-ms 2000 --stop --dll 20");
     ASSERT_EQ(0, run.exitCode) << run.output;
+    ASSERT_NE("", run.Value("idleCpuMs")) << run.output;
+    EXPECT_LT(atof(run.Value("idleCpuMs").c_str()), 200.0) << "process CPU (ms) over 2000 ms idle";
     ASSERT_EQ("20", run.Value("dllUnloaded")) << run.output;
-    EXPECT_LT(atoi(run.Value("heapGrowth").c_str()) - atoi(run.Value("bareGrowth").c_str()), 2 * 19)
-        << run.output;
+    EXPECT_LT(atoi(run.Value("heapGrowth").c_str()) - atoi(run.Value("bareGrowth").c_str()), 2 * 19) << run.output;
 }
