@@ -44,6 +44,7 @@ namespace {
 const char kSource[] = "logprobe";
 const char kFunction[] = "LogProbe::Main";
 const int kLine = 86;
+// Loaded by name: the program's own folder comes first in the search.
 const wchar_t kLibName[] = L"logprobelib.dll";
 
 // Each option with its number; an option that no number follows is 1.
@@ -87,13 +88,6 @@ Fn Export(HMODULE lib, const char* name) {
     return reinterpret_cast<Fn>(reinterpret_cast<void*>(GetProcAddress(lib, name)));
 }
 
-std::wstring LibPath() {
-    wchar_t self[MAX_PATH + 1] = {0};
-    DWORD n = GetModuleFileNameW(nullptr, self, MAX_PATH);
-    std::wstring path(self, n > MAX_PATH ? MAX_PATH : n);
-    return path.substr(0, path.find_last_of(L'\\') + 1) + kLibName;
-}
-
 // Waits (at most timeoutMs) until the module is no longer loaded.
 bool WaitUnloaded(DWORD timeoutMs) {
     for (DWORD waited = 0; GetModuleHandleW(kLibName); waited += 10) {
@@ -126,7 +120,7 @@ int DllRounds(int rounds, bool write, const char* growth) {
     int unloaded = 0;
     long afterFirst = 0;
     for (int r = 1; r <= rounds; ++r) {
-        HMODULE lib = LoadLibraryW(LibPath().c_str());
+        HMODULE lib = LoadLibraryW(kLibName);
         auto writeFn = lib ? Export<LogProbeFn_t>(lib, "LogProbeWrite") : nullptr;
         auto stopFn = lib ? Export<LogProbeStop_t>(lib, "LogProbeStop") : nullptr;
         if (!writeFn || !stopFn) return 0;
@@ -144,7 +138,7 @@ int DllRounds(int rounds, bool write, const char* growth) {
 // its writer is held first and the process ends with the lines queued;
 // without, the module is unloaded with no stop.
 bool DllWrite(int count, bool hold) {
-    HMODULE lib = LoadLibraryW(LibPath().c_str());
+    HMODULE lib = LoadLibraryW(kLibName);
     auto writeFn = lib ? Export<LogProbeFn_t>(lib, "LogProbeWrite") : nullptr;
     auto holdFn = lib ? Export<LogProbeStop_t>(lib, "LogProbeHold") : nullptr;
     if (!writeFn || !holdFn) return false;
