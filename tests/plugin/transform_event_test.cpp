@@ -48,9 +48,8 @@ class TransformEventTest : public ::testing::Test {
 protected:
     void SetUp() override {
         ASSERT_FALSE(sid.empty());
-        translator.reset(new CRegKeyTranslate());
-        CopyBounded(translator->m_szCurrentControlSet, MAX_PATH, L"ControlSet001");
-        plug.regKeyTranslate = translator.get();
+        CopyBounded(translator.m_szCurrentControlSet, MAX_PATH, L"ControlSet001");
+        plug.regKeyTranslate = &translator;
         event.drv = drv.get();
         Req().Class = RCLASS_REGISTRY;
         Req().Operation = REQ_OP_KEY_CREATED;
@@ -78,7 +77,7 @@ protected:
     std::unique_ptr<KW_DRV_EVENT> drv{new KW_DRV_EVENT()};
     FakeEvent event;
     CPlugDeepScan plug;
-    std::unique_ptr<CRegKeyTranslate> translator;
+    CRegKeyTranslate translator;
     ScopedSink cap;
 };
 
