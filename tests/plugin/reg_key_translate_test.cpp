@@ -26,29 +26,24 @@ void SetName(CRegKeyTranslate& t, const wchar_t* name) { CopyBounded(t.m_szCurre
 // The output buffer holds kCchOut characters unless a row gives its byte size;
 // the character after that size must stay untouched.
 TEST(ReplaceCurrentControlSet, Rewrites) {
+    const DWORD kCbOut = kCchOut * sizeof(wchar_t);
     struct {
         const char* name;
-        const wchar_t* controlSet;
         const wchar_t* key;
-        bool result;
-        const wchar_t* expected;  // out when replaced
-        DWORD cbOut = kCchOut * sizeof(wchar_t);
+        const wchar_t* expected;  // out when replaced; null: refused
+        DWORD cbOut = kCbOut;
+        const wchar_t* controlSet = L"ControlSet001";
     } rows[] = {
-        {"control set 1", L"ControlSet001", L"HKEY_LOCAL_MACHINE\\SYSTEM\\ControlSet001\\Services\\x", true,
-         L"HKEY_LOCAL_MACHINE\\SYSTEM\\CurrentControlSet\\Services\\x"},
-        {"name found without regard to case", L"ControlSet001", L"hklm\\system\\CONTROLSET001\\x", true,
-         L"hklm\\system\\CurrentControlSet\\x"},
-        {"name at the start has nothing in front", L"ControlSet001", L"ControlSet001\\x", true, L"\\CurrentControlSet\\x"},
-        {"only the first occurrence", L"ControlSet001", L"A\\ControlSet001\\B\\ControlSet001", true,
-         L"A\\CurrentControlSet\\B\\ControlSet001"},
-        {"set 1 also matches inside ControlSet0010", L"ControlSet001", L"SYSTEM\\ControlSet0010\\x", true,
-         L"SYSTEM\\CurrentControlSet0\\x"},
-        {"another control set is not replaced", L"ControlSet001", L"SYSTEM\\ControlSet002\\x", false, nullptr},
-        {"empty name", L"", L"SYSTEM\\ControlSet001\\x", false, nullptr},
-        {"missing key", L"ControlSet001", nullptr, false, nullptr},
-        {"output of one byte holds no character", L"ControlSet001", L"S\\ControlSet001", false, nullptr, 1},
-        {"output cut to its byte size", L"ControlSet001", L"HKEY_LOCAL_MACHINE\\SYSTEM\\ControlSet001", true,
-         L"HKEY_LOCA", 20},
+        {"control set 1", L"HKEY_LOCAL_MACHINE\\SYSTEM\\ControlSet001\\x", L"HKEY_LOCAL_MACHINE\\SYSTEM\\CurrentControlSet\\x"},
+        {"name found without regard to case", L"hklm\\system\\CONTROLSET001\\x", L"hklm\\system\\CurrentControlSet\\x"},
+        {"name at the start has nothing in front", L"ControlSet001\\x", L"\\CurrentControlSet\\x"},
+        {"only the first occurrence", L"A\\ControlSet001\\B\\ControlSet001", L"A\\CurrentControlSet\\B\\ControlSet001"},
+        {"set 1 also matches inside ControlSet0010", L"SYSTEM\\ControlSet0010\\x", L"SYSTEM\\CurrentControlSet0\\x"},
+        {"another control set is not replaced", L"SYSTEM\\ControlSet002\\x", nullptr},
+        {"empty name", L"SYSTEM\\ControlSet001\\x", nullptr, kCbOut, L""},
+        {"missing key", nullptr, nullptr},
+        {"output of one byte holds no character", L"S\\ControlSet001", nullptr, 1},
+        {"output cut to its byte size", L"HKEY_LOCAL_MACHINE\\SYSTEM\\ControlSet001", L"HKEY_LOCA", 20},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
@@ -56,9 +51,9 @@ TEST(ReplaceCurrentControlSet, Rewrites) {
         SetName(t, row.controlSet);
         ScopedSink cap;
         std::vector<wchar_t> out(kCchOut + 1, kGuard);
-        EXPECT_EQ(row.result, t.ReplaceCurrentControlSet(row.key, out.data(), row.cbOut));
+        EXPECT_EQ(row.expected != nullptr, t.ReplaceCurrentControlSet(row.key, out.data(), row.cbOut));
         EXPECT_EQ(kGuard, out[row.cbOut / sizeof(wchar_t)]) << "wrote past the output";
-        if (!row.result) {
+        if (!row.expected) {
             EXPECT_EQ(kGuard, out[0]) << "out is untouched on refusal";
             EXPECT_TRUE(cap.Texts().empty());
             continue;
@@ -84,50 +79,37 @@ std::wstring WithSid(std::wstring s) {
 
 TEST(Translate, UserLevelForm) {
     ASSERT_FALSE(kwtest::CurrentUserSid().empty());
-    const std::wstring kLong(2000, L'k');
+    const std::wstring kLong(2000, L'k'), hklm = L"HKEY_LOCAL_MACHINE\\", profile = L"\\Hardware Profiles\\0001\\Software";
     struct {
         const char* name;
-        const wchar_t* controlSet;
         std::wstring key;  // "<SID>" stands for this process's SID
         bool result;
         std::wstring expected;
         bool ownProcess = true;  // false: process id 0
         size_t cchOut = kCchOut;
+        const wchar_t* controlSet = L"ControlSet001";
     } rows[] = {
-        {"machine key with control set 1", L"ControlSet001", L"HKEY_LOCAL_MACHINE\\SYSTEM\\ControlSet001\\Services\\x",
-         true, L"HKEY_LOCAL_MACHINE\\SYSTEM\\CurrentControlSet\\Services\\x"},
-        {"machine key of another control set stays", L"ControlSet001",
-         L"HKEY_LOCAL_MACHINE\\SYSTEM\\ControlSet002\\Services", true, L"HKEY_LOCAL_MACHINE\\SYSTEM\\ControlSet002\\Services"},
-        {"root name in other case is written in capitals", L"ControlSet001", L"hkey_local_machine\\software\\x", true,
-         L"HKEY_LOCAL_MACHINE\\software\\x"},
-        {"machine root alone", L"ControlSet001", L"HKEY_LOCAL_MACHINE\\", true, L"HKEY_LOCAL_MACHINE\\"},
-        {"root found inside the key: the remainder counts from the key start", L"ControlSet001",
-         L"XHKEY_LOCAL_MACHINE\\a", true, L"HKEY_LOCAL_MACHINE\\\\a"},
-        {"hardware profile of set 1 when the current set is 2", L"ControlSet002",
-         L"HKEY_LOCAL_MACHINE\\SYSTEM\\ControlSet001\\Hardware Profiles\\0001\\Software\\Fonts", true,
-         L"HKEY_CURRENT_CONFIG\\Software\\Fonts"},
-        {"hardware profile with the current set 1 keeps the machine root", L"ControlSet001",
-         L"HKEY_LOCAL_MACHINE\\SYSTEM\\ControlSet001\\Hardware Profiles\\0001\\Software", true,
-         L"HKEY_LOCAL_MACHINE\\SYSTEM\\CurrentControlSet\\Hardware Profiles\\0001\\Software"},
-        {"own hive", L"ControlSet001", L"HKEY_USERS\\<SID>\\Software\\Run", true, L"HKEY_CURRENT_USER\\Software\\Run"},
-        {"own class hive in capitals", L"ControlSet001", L"HKEY_USERS\\<SID>_CLASSES\\.exe", true,
-         L"HKEY_CURRENT_USER\\Software\\Classes\\.exe"},
-        {"own hive key itself", L"ControlSet001", L"HKEY_USERS\\<SID>", true, L"HKEY_USERS\\<SID>"},
-        {"another user's hive stays", L"ControlSet001", L"HKEY_USERS\\S-1-5-21-1\\Software\\Run", true,
-         L"HKEY_USERS\\S-1-5-21-1\\Software\\Run"},
-        {"a SID that extends ours is another user", L"ControlSet001", L"HKEY_USERS\\<SID>0\\x", true,
-         L"HKEY_USERS\\<SID>0\\x"},
-        {"current user root is not a monitored form", L"ControlSet001", L"HKEY_CURRENT_USER\\Software", false, L""},
-        {"long machine key is cut to the output", L"ControlSet001", L"HKEY_LOCAL_MACHINE\\" + kLong, true,
-         (L"HKEY_LOCAL_MACHINE\\" + kLong).substr(0, kCchOut - 1)},
-        {"long replaced key is cut to the scratch buffer", L"ControlSet001",
-         L"HKEY_LOCAL_MACHINE\\SYSTEM\\ControlSet001\\" + kLong, true,
-         (L"HKEY_LOCAL_MACHINE\\SYSTEM\\CurrentControlSet\\" + kLong).substr(0, kCchOut - 1)},
-        {"small output is not overrun", L"ControlSet001", L"HKEY_USERS\\<SID>\\Software", true, L"HKEY_CU", true, 8},
-        {"machine keys need no process", L"ControlSet001", L"HKEY_LOCAL_MACHINE\\SOFTWARE\\x", true,
-         L"HKEY_LOCAL_MACHINE\\SOFTWARE\\x", false},
-        {"no process: user keys are refused with the empty text", L"ControlSet001", L"HKEY_USERS\\<SID>\\Software", false,
-         L"", false},
+        {"machine key with control set 1", hklm + L"SYSTEM\\ControlSet001\\x", true, hklm + L"SYSTEM\\CurrentControlSet\\x"},
+        {"machine key of another control set stays", hklm + L"SYSTEM\\ControlSet002\\x", true, hklm + L"SYSTEM\\ControlSet002\\x"},
+        {"root name in other case is written in capitals", L"hkey_local_machine\\software\\x", true, hklm + L"software\\x"},
+        {"machine root alone", hklm, true, hklm},
+        {"root found inside the key: the remainder counts from the key start", L"X" + hklm + L"a", true, hklm + L"\\a"},
+        {"hardware profile of set 1 when the current set is 2", hklm + L"SYSTEM\\ControlSet001" + profile + L"\\Fonts", true,
+         L"HKEY_CURRENT_CONFIG\\Software\\Fonts", true, kCchOut, L"ControlSet002"},
+        {"hardware profile with the current set 1 keeps the machine root", hklm + L"SYSTEM\\ControlSet001" + profile, true,
+         hklm + L"SYSTEM\\CurrentControlSet" + profile},
+        {"own hive", L"HKEY_USERS\\<SID>\\Software\\Run", true, L"HKEY_CURRENT_USER\\Software\\Run"},
+        {"own class hive in capitals", L"HKEY_USERS\\<SID>_CLASSES\\.exe", true, L"HKEY_CURRENT_USER\\Software\\Classes\\.exe"},
+        {"own hive key itself", L"HKEY_USERS\\<SID>", true, L"HKEY_USERS\\<SID>"},
+        {"another user's hive stays", L"HKEY_USERS\\S-1-5-21-1\\Software\\Run", true, L"HKEY_USERS\\S-1-5-21-1\\Software\\Run"},
+        {"a SID that extends ours is another user", L"HKEY_USERS\\<SID>0\\x", true, L"HKEY_USERS\\<SID>0\\x"},
+        {"current user root is not a monitored form", L"HKEY_CURRENT_USER\\Software", false, L""},
+        {"long machine key is cut to the output", hklm + kLong, true, (hklm + kLong).substr(0, kCchOut - 1)},
+        {"long replaced key is cut to the scratch buffer", hklm + L"SYSTEM\\ControlSet001\\" + kLong, true,
+         (hklm + L"SYSTEM\\CurrentControlSet\\" + kLong).substr(0, kCchOut - 1)},
+        {"small output is not overrun", L"HKEY_USERS\\<SID>\\Software", true, L"HKEY_CU", true, 8},
+        {"machine keys need no process", hklm + L"SOFTWARE\\x", true, hklm + L"SOFTWARE\\x", false},
+        {"no process: user keys are refused with the empty text", L"HKEY_USERS\\<SID>\\Software", false, L"", false},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
