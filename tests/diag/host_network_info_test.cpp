@@ -111,7 +111,7 @@ TEST_F(HostNetworkInfoTest, IsLocalHost) {
     }
 }
 
-TEST(SplitUncPath, HostShareAndRest) {
+TEST(UncPath, SplitIntoHostShareAndRestAndJoinTheRest) {
     struct {
         const char* name;
         const wchar_t* path;
@@ -135,21 +135,19 @@ TEST(SplitUncPath, HostShareAndRest) {
         EXPECT_EQ(r.ok, SplitUncPath(r.path, host, share, rest)) << r.name;
         EXPECT_EQ(std::wstring(r.expected), host + L"|" + share + L"|" + rest) << r.name;
     }
-}
-
-TEST(JoinShareLocalPath, ExactlyOneSeparator) {
+    // Joining a share's local path and the rest leaves exactly one separator.
     struct {
         const wchar_t* local;
         const wchar_t* rest;
         const wchar_t* expected;
-    } rows[] = {
+    } joins[] = {
         {L"C:\\", L"\\x.exe", L"C:\\x.exe"},        // both have one
         {L"C:\\data", L"\\x.exe", L"C:\\data\\x.exe"},  // the rest has one
         {L"C:\\data", L"x", L"C:\\data\\x"},         // neither has one
         {L"C:\\data", L"", L"C:\\data"},             // no rest
         {L"C:\\", L"\\", L"C:\\"},                   // the rest is a lone backslash
     };
-    for (const auto& r : rows) EXPECT_EQ(std::wstring(r.expected), JoinShareLocalPath(r.local, r.rest));
+    for (const auto& r : joins) EXPECT_EQ(std::wstring(r.expected), JoinShareLocalPath(r.local, r.rest));
 }
 
 // \\localhost\C$\x.exe and \\<host name>\C$\x.exe become the share's local
