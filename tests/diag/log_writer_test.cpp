@@ -173,36 +173,28 @@ TEST_P(LogWriterProbe, ConfigurationFileNameAndLines) {
 #define OUTLOG "[OUTLOG]\r\n"
 const char kAsync[] = OUTLOG "OutFile=1\r\nDebugView=0\r\nDataSize=100\r\nWriteSyn=0\r\n";
 const char kSync[] = OUTLOG "OutFile=1\r\nDebugView=0\r\nDataSize=100\r\nWriteSyn=1\r\n";
-const std::vector<std::wstring> kProbe2 = Numbered(L"probe line", 2), kProbe3 = Numbered(L"probe line", 3);
+std::vector<std::wstring> Probe(int count) { return Numbered(L"probe line", count); }
+std::vector<std::wstring> Dll(int count) { return Numbered(L"dll", count); }
 
 // Each key defaults to -1 when missing and reads 0 when not a number; output
 // is on when OutFile or DebugView is non-zero and DataSize is above 0.
-INSTANTIATE_TEST_SUITE_P(
-    Rows, LogWriterProbe,
-    ::testing::Values(
-        ProbeRow{"no Holmlog ini writes nothing but computes the path", nullptr, L"--lines 1", kNone, kNone},
-        ProbeRow{"DataSize 0 is off", OUTLOG "OutFile=1\r\nDebugView=1\r\nDataSize=0\r\n", L"--lines 1", kNone, kNone,
-                 false, "enabled=0"},
-        ProbeRow{"DataSize 1 keeps one character", OUTLOG "OutFile=1\r\nDebugView=0\r\nDataSize=1\r\nWriteSyn=1\r\n",
-                 L"--lines 1", {L"p"}, kNone},
-        ProbeRow{"non-numeric switches read 0 and are off", OUTLOG "OutFile=yes\r\nDebugView=on\r\nDataSize=100\r\n",
-                 L"--lines 1", kNone, kNone},
-        ProbeRow{"debugger output only", OUTLOG "OutFile=0\r\nDebugView=1\r\nDataSize=100\r\n", L"--lines 2", kNone, kProbe2},
-        ProbeRow{"only DataSize set: file and debugger, synchronous", OUTLOG "DataSize=100\r\n", L"--lines 2", kProbe2,
-                 kProbe2},
-        ProbeRow{"background writer: file and debugger, flushed by the stop",
-                 OUTLOG "OutFile=1\r\nDataSize=100\r\nWriteSyn=0\r\n", L"--lines 3 --stop", kProbe3, kProbe3},
-        ProbeRow{"level 1 through the writer is ERROR", kSync, L"--lines 1 --level 1", {L"probe line #1"}, kNone,
-                 false, nullptr, L"[ERROR]"},
-        ProbeRow{"FileLogIfOpen writes nothing before the writer exists", kSync, L"--if-open --lines 1",
-                 {L"probe line #1"}, kNone},
-        ProbeRow{"writer in a DLL unloaded without a stop keeps its module until done", kAsync, L"--dll-no-stop",
-                 Numbered(L"dll", 3), kNone, true, "dllLoadedAfterFree=1"},
-        ProbeRow{"lines still queued when the program exits are written", kAsync, L"--hold --lines 500",
-                 Numbered(L"probe line", 500), kNone},
-        ProbeRow{"lines still queued in a DLL when the process ends are written", kAsync, L"--dll-exit 500",
-                 Numbered(L"dll", 500), kNone, true}),
-    kwtest::ByRowName());
+const ProbeRow kProbeRows[] = {
+    {"no Holmlog ini writes nothing but computes the path", nullptr, L"--lines 1", kNone, kNone},
+    {"DataSize 0 is off", OUTLOG "OutFile=1\r\nDebugView=1\r\nDataSize=0\r\n", L"--lines 1", kNone, kNone, false, "enabled=0"},
+    {"DataSize 1 keeps one character", OUTLOG "OutFile=1\r\nDebugView=0\r\nDataSize=1\r\nWriteSyn=1\r\n", L"--lines 1", {L"p"}, kNone},
+    {"non-numeric switches read 0 and are off", OUTLOG "OutFile=yes\r\nDebugView=on\r\nDataSize=100\r\n", L"--lines 1", kNone, kNone},
+    {"debugger output only", OUTLOG "OutFile=0\r\nDebugView=1\r\nDataSize=100\r\n", L"--lines 2", kNone, Probe(2)},
+    {"only DataSize set: file and debugger, synchronous", OUTLOG "DataSize=100\r\n", L"--lines 2", Probe(2), Probe(2)},
+    {"background writer: file and debugger, flushed by the stop", OUTLOG "OutFile=1\r\nDataSize=100\r\nWriteSyn=0\r\n",
+     L"--lines 3 --stop", Probe(3), Probe(3)},
+    {"level 1 through the writer is ERROR", kSync, L"--lines 1 --level 1", Probe(1), kNone, false, nullptr, L"[ERROR]"},
+    {"FileLogIfOpen writes nothing before the writer exists", kSync, L"--if-open --lines 1", Probe(1), kNone},
+    {"writer in a DLL unloaded without a stop keeps its module until done", kAsync, L"--dll-no-stop", Dll(3), kNone, true,
+     "dllLoadedAfterFree=1"},
+    {"lines still queued when the program exits are written", kAsync, L"--hold --lines 500", Probe(500), kNone},
+    {"lines still queued in a DLL when the process ends are written", kAsync, L"--dll-exit 500", Dll(500), kNone, true},
+};
+INSTANTIATE_TEST_SUITE_P(Rows, LogWriterProbe, ::testing::ValuesIn(kProbeRows), kwtest::ByRowName());
 
 }  // namespace
 
