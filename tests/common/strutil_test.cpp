@@ -43,15 +43,13 @@ TEST(FormatBounded, WideAndNarrowArgumentsCutAndNonAsciiFormat) {
     EXPECT_EQ(std::wstring(L"\u521d\u59cb x=1"), FormatW("初始 x=%d", 1));
 }
 
-TEST(ReplaceAll, CaseSensitiveAndNoCase) {
+TEST(ReplaceAll, CaseSensitiveAndNoCaseAndFindNoCase) {
     std::wstring s = L"%ProgramFiles%\\a;%programfiles%";
     EXPECT_EQ(1u, ReplaceAll(s, L"%programfiles%", L"X"));
     EXPECT_EQ(std::wstring(L"%ProgramFiles%\\a;X"), s);
     EXPECT_EQ(1u, ReplaceAllNoCase(s, L"%PROGRAMFILES%", L"Y"));
     EXPECT_EQ(std::wstring(L"Y\\a;X"), s);
-}
-
-TEST(FindNoCase, Boundaries) {
+    // FindNoCase: an empty or longer needle is never found; the search starts at `from`.
     EXPECT_EQ(0u, FindNoCase(L"ControlSet001", L"controlset"));
     EXPECT_EQ(std::wstring::npos, FindNoCase(L"abc", L""));
     EXPECT_EQ(std::wstring::npos, FindNoCase(L"ab", L"abc"));

@@ -137,7 +137,6 @@ TEST_P(LogWriterProbe, ConfigurationFileNameAndLines) {
     ProbeRun run = RunProbeIn(dir, r.ini, r.withLib, r.args);
     const std::wstring dayAfter = Today();
     ASSERT_EQ(0, run.exitCode) << run.output;
-    ASSERT_EQ("1", run.Value("done")) << run.output;
     const std::string report = r.reports ? r.reports : "done=1";
     EXPECT_EQ(report.substr(report.find('=') + 1), run.Value(report.substr(0, report.find('=')))) << run.output;
 

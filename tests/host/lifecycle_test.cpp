@@ -9,12 +9,10 @@
 
 using namespace hostsim;
 
-namespace {
-PluginHost& Loaded(PluginHost& h) {
+static PluginHost& Loaded(PluginHost& h) {
     EXPECT_TRUE(h.Load());
     return h;
 }
-}  // namespace
 
 TEST(Lifecycle, CreateInitCallbacksRelease) {
     PluginHost host;
