@@ -20,12 +20,8 @@ struct counting_traits {
 };
 using unique_counted = kw::unique_res<counting_traits>;
 
-class HandleTemplate : public ::testing::Test {
-protected:
-    void SetUp() override { g_closed.clear(); }
-};
-
-TEST_F(HandleTemplate, PutClosesWhatIsHeldBeforeHandingOutTheAddress) {
+TEST(HandleTemplate, PutClosesWhatIsHeldBeforeHandingOutTheAddress) {
+    g_closed.clear();
     unique_counted h(7);
     int* out = h.put();
     EXPECT_EQ(std::vector<int>{7}, g_closed);
@@ -34,7 +30,8 @@ TEST_F(HandleTemplate, PutClosesWhatIsHeldBeforeHandingOutTheAddress) {
     EXPECT_EQ(8, h.get());
 }
 
-TEST_F(HandleTemplate, ResetKeepsTheLastErrorCode) {
+TEST(HandleTemplate, ResetKeepsTheLastErrorCode) {
+    g_closed.clear();
     unique_counted h(5);
     SetLastError(ERROR_ACCESS_DENIED);
     h.reset(6);
@@ -45,7 +42,8 @@ TEST_F(HandleTemplate, ResetKeepsTheLastErrorCode) {
     EXPECT_EQ((std::vector<int>{5, 9}), g_closed);
 }
 
-TEST_F(HandleTemplate, EachHandleClosesOnce) {
+TEST(HandleTemplate, EachHandleClosesOnce) {
+    g_closed.clear();
     unique_counted a(3);
     unique_counted b(std::move(a));
     EXPECT_FALSE(a.valid());

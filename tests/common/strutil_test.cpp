@@ -33,27 +33,23 @@ INSTANTIATE_TEST_SUITE_P(
                       CopyRow{"null source gives empty text", nullptr, 4, static_cast<size_t>(-1), L""},
                       CopyRow{"one-character buffer holds only the terminator", L"abc", 1, static_cast<size_t>(-1), L""}));
 
-TEST(FormatBounded, WideAndNarrowArgumentsAndCut) {
+TEST(FormatBounded, WideAndNarrowArgumentsCutAndNonAsciiFormat) {
     wchar_t buf[12];
     EXPECT_TRUE(FormatBounded(buf, 12, "%ls-%s-%d", L"ab", "cd", 7));
     EXPECT_EQ(std::wstring(L"ab-cd-7"), buf);
     EXPECT_FALSE(FormatBounded(buf, 5, "%ls", L"abcdefgh"));
     EXPECT_EQ(std::wstring(L"abcd"), buf);
-}
-
-TEST(FormatW, NonAsciiFormatText) {
+    // FormatW takes a UTF-8 format.
     EXPECT_EQ(std::wstring(L"\u521d\u59cb x=1"), FormatW("初始 x=%d", 1));
 }
 
-TEST(ReplaceAll, CaseSensitiveAndNoCase) {
+TEST(ReplaceAll, CaseSensitiveAndNoCaseAndFindNoCase) {
     std::wstring s = L"%ProgramFiles%\\a;%programfiles%";
     EXPECT_EQ(1u, ReplaceAll(s, L"%programfiles%", L"X"));
     EXPECT_EQ(std::wstring(L"%ProgramFiles%\\a;X"), s);
     EXPECT_EQ(1u, ReplaceAllNoCase(s, L"%PROGRAMFILES%", L"Y"));
     EXPECT_EQ(std::wstring(L"Y\\a;X"), s);
-}
-
-TEST(FindNoCase, Boundaries) {
+    // FindNoCase: an empty or longer needle is never found; the search starts at `from`.
     EXPECT_EQ(0u, FindNoCase(L"ControlSet001", L"controlset"));
     EXPECT_EQ(std::wstring::npos, FindNoCase(L"abc", L""));
     EXPECT_EQ(std::wstring::npos, FindNoCase(L"ab", L"abc"));

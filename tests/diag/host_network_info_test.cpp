@@ -6,15 +6,13 @@
 
 #include "common/strutil.h"
 #include "diag/host_network_info.h"
-#include "diag/trace.h"
 #include "support/child.h"
 #include "support/fixtures.h"
 #include "support/kit.h"
-#include "support/recording_sink.h"
+#include "support/trace_capture.h"
 
 #include <gtest/gtest.h>
 
-#include <cstdio>
 #include <string>
 #include <vector>
 
@@ -41,23 +39,17 @@ std::vector<std::wstring> SystemIpv4Addresses() {
     if (GetIpAddrTable(table, &cb, FALSE) != NO_ERROR) return out;
     for (DWORD i = 0; i < table->dwNumEntries; ++i) {
         const BYTE* b = reinterpret_cast<const BYTE*>(&table->table[i].dwAddr);
-        wchar_t text[16];
-        swprintf(text, 16, L"%u.%u.%u.%u", b[0], b[1], b[2], b[3]);
-        out.push_back(text);
+        out.push_back(FormatW("%u.%u.%u.%u", b[0], b[1], b[2], b[3]));
     }
     return out;
 }
 
 class HostNetworkInfoTest : public ::testing::Test {
 protected:
-    void SetUp() override {
-        SetLogSink(&sink);
-        host = SystemHostName();
-        ASSERT_FALSE(host.empty());
-    }
-    void TearDown() override { SetLogSink(nullptr); }
-    kwtest::RecordingSink sink;
-    std::wstring host;
+    void SetUp() override { ASSERT_FALSE(host.empty()); }
+    kwtest::ScopedSink cap;
+    kwtest::RecordingSink& sink = cap.sink;
+    const std::wstring host = SystemHostName();
     CHostNetworkInfo info;
 };
 
@@ -119,7 +111,7 @@ TEST_F(HostNetworkInfoTest, IsLocalHost) {
     }
 }
 
-TEST(SplitUncPath, HostShareAndRest) {
+TEST(UncPath, SplitIntoHostShareAndRestAndJoinTheRest) {
     struct {
         const char* name;
         const wchar_t* path;
@@ -143,21 +135,19 @@ TEST(SplitUncPath, HostShareAndRest) {
         EXPECT_EQ(r.ok, SplitUncPath(r.path, host, share, rest)) << r.name;
         EXPECT_EQ(std::wstring(r.expected), host + L"|" + share + L"|" + rest) << r.name;
     }
-}
-
-TEST(JoinShareLocalPath, ExactlyOneSeparator) {
+    // Joining a share's local path and the rest leaves exactly one separator.
     struct {
         const wchar_t* local;
         const wchar_t* rest;
         const wchar_t* expected;
-    } rows[] = {
+    } joins[] = {
         {L"C:\\", L"\\x.exe", L"C:\\x.exe"},        // both have one
         {L"C:\\data", L"\\x.exe", L"C:\\data\\x.exe"},  // the rest has one
         {L"C:\\data", L"x", L"C:\\data\\x"},         // neither has one
         {L"C:\\data", L"", L"C:\\data"},             // no rest
         {L"C:\\", L"\\", L"C:\\"},                   // the rest is a lone backslash
     };
-    for (const auto& r : rows) EXPECT_EQ(std::wstring(r.expected), JoinShareLocalPath(r.local, r.rest));
+    for (const auto& r : joins) EXPECT_EQ(std::wstring(r.expected), JoinShareLocalPath(r.local, r.rest));
 }
 
 // \\localhost\C$\x.exe and \\<host name>\C$\x.exe become the share's local
@@ -175,13 +165,11 @@ TEST_F(HostNetworkInfoTest, ToLocalPath) {
     const std::wstring sharePath =
         status == NERR_Success && buf ? reinterpret_cast<SHARE_INFO_502*>(buf)->shi502_path : L"";
     if (buf) NetApiBufferFree(buf);
-    const std::wstring paths[] = {L"\\\\localhost\\C$\\x.exe", L"\\\\" + host + L"\\c$\\dir\\x.exe"};
-    const std::wstring expected[] = {JoinShareLocalPath(sharePath, L"\\x.exe"),
-                                     JoinShareLocalPath(sharePath, L"\\dir\\x.exe")};
-    for (int i = 0; i < 2; ++i) {
+    for (const std::wstring& hostName : {std::wstring(L"localhost"), host}) {
         std::wstring out = L"stale";
-        EXPECT_EQ(!sharePath.empty(), info.ToLocalPath(paths[i], out)) << ::testing::PrintToString(paths[i]);
-        EXPECT_EQ(sharePath.empty() ? L"" : expected[i], out);
+        const std::wstring path = L"\\\\" + hostName + L"\\c$\\dir\\x.exe";
+        EXPECT_EQ(!sharePath.empty(), info.ToLocalPath(path, out)) << ::testing::PrintToString(path);
+        EXPECT_EQ(sharePath.empty() ? L"" : JoinShareLocalPath(sharePath, L"\\dir\\x.exe"), out);
     }
     if (sharePath.empty())
         GTEST_SKIP() << "the system reports no share C$ (NetShareGetInfo level 502 answered " << status

@@ -14,14 +14,7 @@ using namespace kw;
 namespace {
 
 SYSTEMTIME Time(WORD y, WORD mo, WORD d, WORD h = 9, WORD mi = 7, WORD s = 3) {
-    SYSTEMTIME t{};
-    t.wYear = y;
-    t.wMonth = mo;
-    t.wDay = d;
-    t.wHour = h;
-    t.wMinute = mi;
-    t.wSecond = s;
-    return t;
+    return SYSTEMTIME{y, mo, 0, d, h, mi, s, 0};
 }
 
 bool Compose(std::wstring& line, int level, int dataSize, int threadId, const char* src,
@@ -34,17 +27,6 @@ bool Compose(std::wstring& line, int level, int dataSize, int threadId, const ch
                               srcLine, fmt, ap);
     va_end(ap);
     return ok;
-}
-
-TEST(LogWriterLine, LevelTagsAndTimestamps) {
-    struct {
-        int level;
-        const wchar_t* tag;
-    } levels[] = {{0, L"[INFO]"}, {1, L"[ERROR]"}, {2, L"[LevelNull]"}, {-1, L"[LevelNull]"}};
-    for (const auto& r : levels) EXPECT_EQ(std::wstring(r.tag), LogLevelTag(r.level)) << r.level;
-    // Month and day unpadded, year at least two digits, the time padded.
-    EXPECT_EQ(L"[2024-3-5 09:07:03]", FormatLogTime(Time(2024, 3, 5)));
-    EXPECT_EQ(L"[07-12-31 23:59:59]", FormatLogTime(Time(7, 12, 31, 23, 59, 59)));
 }
 
 TEST(LogWriterLine, LogPathFromDatePidAndStem) {
@@ -66,7 +48,15 @@ TEST(LogWriterLine, LogPathFromDatePidAndStem) {
         EXPECT_EQ(std::wstring(r.expected), MakeLogPath(r.modulePath, Time(2024, 3, 5), r.pid)) << r.name;
 }
 
-TEST(LogWriterLine, ExactLayout) {
+TEST(LogWriterLine, LevelTagsTimestampsAndLayout) {
+    struct {
+        int level;
+        const wchar_t* tag;
+    } levels[] = {{0, L"[INFO]"}, {1, L"[ERROR]"}, {2, L"[LevelNull]"}, {-1, L"[LevelNull]"}};
+    for (const auto& r : levels) EXPECT_EQ(std::wstring(r.tag), LogLevelTag(r.level)) << r.level;
+    // Month and day unpadded, year at least two digits, the time padded.
+    EXPECT_EQ(L"[2024-3-5 09:07:03]", FormatLogTime(Time(2024, 3, 5)));
+    EXPECT_EQ(L"[07-12-31 23:59:59]", FormatLogTime(Time(7, 12, 31, 23, 59, 59)));
     std::wstring line;
     ASSERT_TRUE(Compose(line, 0, 2048, 1234, "AnalizyOperate", "CAnalizyOperate::Init", 86,
                         "[regscan] Autorun Init Success"));

@@ -1,19 +1,22 @@
 // The file channel as a process sees it. The configuration is read once per
 // process from "Holmlog.ini" beside the executable, so every case copies the
 // probe program (tests/helpers/logprobe.cpp) into a folder of its own, writes
-// that case's Holmlog.ini beside it, runs it under a small debugger loop that
-// collects its debugger output, and checks what the probe reported, the log
+// that case's Holmlog.ini beside it, runs it, and checks what the probe reported, the log
 // file's name and every line in it.
+#include "common/strutil.h"
+#include "support/child.h"
 #include "support/fixtures.h"
 #include "support/kit.h"
 
 #include <gtest/gtest.h>
 
-#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <regex>
 #include <set>
+#include <sstream>
 #include <string>
-#include <thread>
 #include <vector>
 
 namespace {
@@ -26,51 +29,31 @@ std::wstring BesideTests(const wchar_t* name) {
     return path.substr(0, path.find_last_of(L'\\') + 1) + name;
 }
 
-// Text in a code page (the log file: ANSI; the probe's report: UTF-8).
-std::wstring Widen(const std::string& s, UINT codePage = CP_ACP) {
-    if (s.empty()) return std::wstring();
-    int n = MultiByteToWideChar(codePage, 0, s.data(), static_cast<int>(s.size()), nullptr, 0);
-    std::wstring out(static_cast<size_t>(n), L'\0');
-    MultiByteToWideChar(codePage, 0, s.data(), static_cast<int>(s.size()), &out[0], n);
-    return out;
-}
+// The log file and the debugger output hold ASCII text only in these cases.
+std::wstring Ascii(const std::string& s) { return std::wstring(s.begin(), s.end()); }
 
 std::string ReadBytes(const std::wstring& path) {
-    std::string out;
-    HANDLE h = CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
-                           OPEN_EXISTING, 0, nullptr);
-    if (h == INVALID_HANDLE_VALUE) return out;
-    char buf[8192];
-    DWORD got = 0;
-    while (ReadFile(h, buf, sizeof(buf), &got, nullptr) && got) out.append(buf, got);
-    CloseHandle(h);
-    return out;
+    std::ifstream f(std::filesystem::path(path), std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(f), std::istreambuf_iterator<char>());
 }
 
 std::set<std::wstring> FilesIn(const std::wstring& dir) {
     std::set<std::wstring> names;
-    WIN32_FIND_DATAW fd;
-    HANDLE h = FindFirstFileW((dir + L"\\*").c_str(), &fd);
-    if (h == INVALID_HANDLE_VALUE) return names;
-    do {
-        std::wstring n = fd.cFileName;
-        if (n != L"." && n != L"..") names.insert(n);
-    } while (FindNextFileW(h, &fd));
-    FindClose(h);
+    for (const auto& e : std::filesystem::directory_iterator(dir)) names.insert(e.path().filename().wstring());
     return names;
 }
 
 std::wstring Today() {
     SYSTEMTIME t;
     GetLocalTime(&t);
-    return std::to_wstring(t.wYear) + L"-" + std::to_wstring(t.wMonth) + L"-" + std::to_wstring(t.wDay);
+    return kw::FormatW("%d-%d-%d", t.wYear, t.wMonth, t.wDay);
 }
 
 // What one probe run produced.
 struct ProbeRun {
     int exitCode = -1;
     std::string output;                   // the probe's "key=value" lines (UTF-8)
-    std::vector<std::wstring> debugLines; // strings it sent to the debugger
+    std::vector<std::wstring> debugLines; // strings it sent to the debugger, in order
 
     std::string Value(const std::string& key) const {
         const size_t at = ("\n" + output).find("\n" + key + "=");
@@ -78,99 +61,31 @@ struct ProbeRun {
         const size_t start = at + key.size() + 1;
         return output.substr(start, output.find_first_of("\r\n", start) - start);
     }
-    std::wstring Text(const std::string& key) const { return Widen(Value(key), CP_UTF8); }
+    std::wstring Text(const std::string& key) const {
+        const std::string v = Value(key);
+        return kw::Utf8ToWide(v.data(), v.size());
+    }
 };
 
-// Reads a string out of the debuggee: `cch` characters (its NUL included),
-// wide or narrow (narrow text is in the ANSI code page).
-std::wstring ReadDebugString(HANDLE process, const OUTPUT_DEBUG_STRING_INFO& info) {
-    const size_t cch = info.nDebugStringLength;
-    if (cch == 0 || cch > (1u << 20)) return std::wstring();
-    SIZE_T got = 0;
-    if (info.fUnicode) {
-        std::wstring s(cch, L'\0');
-        ReadProcessMemory(process, info.lpDebugStringData, &s[0], cch * sizeof(wchar_t), &got);
-        s.resize(got / sizeof(wchar_t));
-        while (!s.empty() && s.back() == L'\0') s.pop_back();
-        return s;
-    }
-    std::string s(cch, '\0');
-    ReadProcessMemory(process, info.lpDebugStringData, &s[0], cch, &got);
-    s.resize(got);
-    while (!s.empty() && s.back() == '\0') s.pop_back();
-    return Widen(s);
-}
-
-// Starts exe as a debuggee with the working folder cwd, collects its standard
-// output and every string it sends to the debugger, and waits for its exit.
-ProbeRun RunProbe(const std::wstring& exe, const std::wstring& args, const std::wstring& cwd) {
-    ProbeRun run;
-    SECURITY_ATTRIBUTES sa{sizeof(sa), nullptr, TRUE};
-    HANDLE rd = nullptr, wr = nullptr;
-    if (!CreatePipe(&rd, &wr, &sa, 0)) return run;
-    SetHandleInformation(rd, HANDLE_FLAG_INHERIT, 0);
-    STARTUPINFOW si{};
-    si.cb = sizeof(si);
-    si.dwFlags = STARTF_USESTDHANDLES;
-    si.hStdOutput = wr;
-    si.hStdError = wr;
-    PROCESS_INFORMATION pi{};
-    std::wstring cmd = L"\"" + exe + L"\" " + args;
-    std::vector<wchar_t> cmdBuf(cmd.begin(), cmd.end());
-    cmdBuf.push_back(0);
-    BOOL ok = CreateProcessW(exe.c_str(), cmdBuf.data(), nullptr, nullptr, TRUE,
-                             DEBUG_ONLY_THIS_PROCESS, nullptr, cwd.c_str(), &si, &pi);
-    CloseHandle(wr);
-    if (!ok) {
-        CloseHandle(rd);
-        return run;
-    }
-    // The pipe is drained on a thread of its own so a chatty child never blocks.
-    std::thread reader([rd, &run] {
-        char chunk[4096];
-        DWORD got = 0;
-        while (ReadFile(rd, chunk, sizeof(chunk), &got, nullptr) && got) run.output.append(chunk, got);
-    });
-    bool firstBreak = true;  // the loader's initial breakpoint is the debugger's own
-    DEBUG_EVENT ev{};
-    while (WaitForDebugEvent(&ev, 60000)) {
-        const DWORD code = ev.dwDebugEventCode;
-        DWORD status = DBG_CONTINUE;
-        if (code == CREATE_PROCESS_DEBUG_EVENT && ev.u.CreateProcessInfo.hFile)
-            CloseHandle(ev.u.CreateProcessInfo.hFile);
-        if (code == LOAD_DLL_DEBUG_EVENT && ev.u.LoadDll.hFile) CloseHandle(ev.u.LoadDll.hFile);
-        if (code == OUTPUT_DEBUG_STRING_EVENT)
-            run.debugLines.push_back(ReadDebugString(pi.hProcess, ev.u.DebugString));
-        if (code == EXCEPTION_DEBUG_EVENT) {
-            if (!firstBreak || ev.u.Exception.ExceptionRecord.ExceptionCode != EXCEPTION_BREAKPOINT)
-                status = DBG_EXCEPTION_NOT_HANDLED;
-            firstBreak = false;
-        }
-        if (code == EXIT_PROCESS_DEBUG_EVENT) run.exitCode = static_cast<int>(ev.u.ExitProcess.dwExitCode);
-        ContinueDebugEvent(ev.dwProcessId, ev.dwThreadId, status);
-        if (code == EXIT_PROCESS_DEBUG_EVENT) break;
-    }
-    if (run.exitCode == -1) TerminateProcess(pi.hProcess, 99);
-    WaitForSingleObject(pi.hProcess, 60000);
-    reader.join();
-    CloseHandle(rd);
-    CloseHandle(pi.hThread);
-    CloseHandle(pi.hProcess);
-    return run;
-}
-
 // Copies the probe (and with withLib its DLL) into dir beside a Holmlog.ini
-// with this content (none when null) and runs it there.
+// with this content (none when null) and runs it there. The probe reports
+// what it sends to the debugger as "debug=" lines, CR and LF written as \r, \n.
 ProbeRun RunProbeIn(kwtest::TempDir& dir, const char* ini, bool withLib, const std::wstring& args) {
-    const std::wstring exe = dir.Path() + L"\\logprobe.exe";
-    ProbeRun failed;
-    failed.output = "logprobe.exe or logprobelib.dll not found beside the tests";
-    if (!CopyFileW(BesideTests(L"logprobe.exe").c_str(), exe.c_str(), FALSE)) return failed;
-    if (withLib && !CopyFileW(BesideTests(L"logprobelib.dll").c_str(),
-                              (dir.Path() + L"\\logprobelib.dll").c_str(), FALSE))
-        return failed;
+    ProbeRun run;
+    run.output = "logprobe.exe or logprobelib.dll not found beside the tests";
+    for (const wchar_t* file : {L"logprobe.exe", withLib ? L"logprobelib.dll" : nullptr})
+        if (file && !CopyFileW(BesideTests(file).c_str(), (dir.Path() + L"\\" + file).c_str(), FALSE)) return run;
     if (ini) dir.File(L"Holmlog.ini", ini);
-    return RunProbe(exe, args, dir.Path());
+    run.exitCode = kwtest::RunProgram(dir.Path() + L"\\logprobe.exe", args, dir.Path(), &run.output);
+    std::istringstream lines(run.output);
+    for (std::string l; std::getline(lines, l);) {
+        if (l.compare(0, 6, "debug=") != 0) continue;
+        std::wstring text = Ascii(l.substr(6, l.size() - 6 - (l.back() == '\r' ? 1 : 0)));
+        kw::ReplaceAll(text, L"\\r", L"\r");
+        kw::ReplaceAll(text, L"\\n", L"\n");
+        run.debugLines.push_back(text);
+    }
+    return run;
 }
 
 // One line of the file channel, split into its parts.
@@ -199,8 +114,9 @@ const std::vector<std::wstring> kNone;
 
 // Checks that `lines` are file-channel lines of this probe with these message
 // parts, in order, written by the probe's main thread.
-void CheckLines(const std::vector<std::wstring>& lines, const std::vector<std::wstring>& messages,
+void CheckLines(const char* where, const std::vector<std::wstring>& lines, const std::vector<std::wstring>& messages,
                 const ProbeRow& r, const ProbeRun& run) {
+    SCOPED_TRACE(where);
     ASSERT_EQ(messages.size(), lines.size());
     for (size_t i = 0; i < lines.size(); ++i) {
         SCOPED_TRACE("line " + std::to_string(i));
@@ -221,18 +137,13 @@ TEST_P(LogWriterProbe, ConfigurationFileNameAndLines) {
     ProbeRun run = RunProbeIn(dir, r.ini, r.withLib, r.args);
     const std::wstring dayAfter = Today();
     ASSERT_EQ(0, run.exitCode) << run.output;
-    ASSERT_EQ("1", run.Value("done")) << run.output;
-    if (r.reports) {
-        std::string report = r.reports;
-        size_t eq = report.find('=');
-        EXPECT_EQ(report.substr(eq + 1), run.Value(report.substr(0, eq))) << run.output;
-    }
+    const std::string report = r.reports ? r.reports : "done=1";
+    EXPECT_EQ(report.substr(report.find('=') + 1), run.Value(report.substr(0, report.find('=')))) << run.output;
 
     // The log path is computed whether or not anything is written.
     const std::wstring logPath = run.Text("logPath");
     const std::wstring nameEnd = L"_" + run.Text("pid") + L"_logprobe.log";
-    EXPECT_TRUE(logPath == dir.Path() + L"\\" + dayBefore + nameEnd ||
-                logPath == dir.Path() + L"\\" + dayAfter + nameEnd)
+    EXPECT_TRUE(logPath == dir.Path() + L"\\" + dayBefore + nameEnd || logPath == dir.Path() + L"\\" + dayAfter + nameEnd)
         << testing::PrintToString(logPath);
     const std::wstring logName = logPath.substr(logPath.find_last_of(L'\\') + 1);
 
@@ -242,84 +153,62 @@ TEST_P(LogWriterProbe, ConfigurationFileNameAndLines) {
     if (!r.fileMessages.empty()) expectedFiles.insert(logName);
     EXPECT_EQ(expectedFiles, FilesIn(dir.Path())) << "nothing but the log file is written";
 
+    // Every line, the last included, ends in CR LF (the layout checks it).
     std::vector<std::wstring> fileLines;
-    if (!r.fileMessages.empty()) {
-        const std::wstring text = Widen(ReadBytes(dir.Path() + L"\\" + logName));
-        ASSERT_GE(text.size(), 2u);
-        ASSERT_EQ(L"\r\n", text.substr(text.size() - 2)) << "the file ends with a whole line";
-        for (size_t pos = 0, end; pos < text.size(); pos = end + 2) {
-            end = text.find(L"\r\n", pos);
-            fileLines.push_back(text.substr(pos, end + 2 - pos));
-        }
-        SCOPED_TRACE("log file");
-        CheckLines(fileLines, r.fileMessages, r, run);
+    const std::wstring text = Ascii(ReadBytes(dir.Path() + L"\\" + logName));
+    for (size_t pos = 0, end; pos < text.size(); pos = end) {
+        end = text.find(L"\r\n", pos);
+        end = end == std::wstring::npos ? text.size() : end + 2;
+        fileLines.push_back(text.substr(pos, end - pos));
     }
-    {
-        SCOPED_TRACE("debugger output");
-        CheckLines(run.debugLines, r.debugMessages, r, run);
-    }
+    CheckLines("log file", fileLines, r.fileMessages, r, run);
+    CheckLines("debugger output", run.debugLines, r.debugMessages, r, run);
     // With both outputs on, the debugger receives the very lines of the file.
     if (!r.fileMessages.empty() && !r.debugMessages.empty()) {
         EXPECT_EQ(fileLines, run.debugLines);
     }
 }
 
-const char kAsync[] = "[OUTLOG]\r\nOutFile=1\r\nDebugView=0\r\nDataSize=100\r\nWriteSyn=0\r\n";
-const char kSync[] = "[OUTLOG]\r\nOutFile=1\r\nDebugView=0\r\nDataSize=100\r\nWriteSyn=1\r\n";
+#define OUTLOG "[OUTLOG]\r\n"
+const char kAsync[] = OUTLOG "OutFile=1\r\nDebugView=0\r\nDataSize=100\r\nWriteSyn=0\r\n";
+const char kSync[] = OUTLOG "OutFile=1\r\nDebugView=0\r\nDataSize=100\r\nWriteSyn=1\r\n";
+std::vector<std::wstring> Probe(int count) { return Numbered(L"probe line", count); }
+std::vector<std::wstring> Dll(int count) { return Numbered(L"dll", count); }
 
 // Each key defaults to -1 when missing and reads 0 when not a number; output
 // is on when OutFile or DebugView is non-zero and DataSize is above 0.
-INSTANTIATE_TEST_SUITE_P(
-    Rows, LogWriterProbe,
-    ::testing::Values(
-        ProbeRow{"no Holmlog ini writes nothing but computes the path", nullptr, L"--lines 1", kNone, kNone},
-        ProbeRow{"DataSize 0 is off", "[OUTLOG]\r\nOutFile=1\r\nDebugView=1\r\nDataSize=0\r\n",
-                 L"--lines 1", kNone, kNone, false, "enabled=0"},
-        ProbeRow{"DataSize 1 keeps one character",
-                 "[OUTLOG]\r\nOutFile=1\r\nDebugView=0\r\nDataSize=1\r\nWriteSyn=1\r\n",
-                 L"--lines 1", {L"p"}, kNone},
-        ProbeRow{"non-numeric switches read 0 and are off",
-                 "[OUTLOG]\r\nOutFile=yes\r\nDebugView=on\r\nDataSize=100\r\n", L"--lines 1", kNone, kNone},
-        ProbeRow{"debugger output only", "[OUTLOG]\r\nOutFile=0\r\nDebugView=1\r\nDataSize=100\r\n",
-                 L"--lines 2", kNone, Numbered(L"probe line", 2)},
-        ProbeRow{"only DataSize set: file and debugger, synchronous", "[OUTLOG]\r\nDataSize=100\r\n",
-                 L"--lines 2", Numbered(L"probe line", 2), Numbered(L"probe line", 2)},
-        ProbeRow{"background writer: file and debugger, flushed by the stop",
-                 "[OUTLOG]\r\nOutFile=1\r\nDataSize=100\r\nWriteSyn=0\r\n", L"--lines 3 --stop",
-                 Numbered(L"probe line", 3), Numbered(L"probe line", 3)},
-        ProbeRow{"level 1 through the writer is ERROR", kSync, L"--lines 1 --level 1", {L"probe line #1"},
-                 kNone, false, nullptr, L"[ERROR]"},
-        ProbeRow{"FileLogIfOpen writes nothing before the writer exists", kSync, L"--if-open --lines 1",
-                 {L"probe line #1"}, kNone},
-        ProbeRow{"writer in a DLL unloaded without a stop keeps its module until done", kAsync,
-                 L"--dll-no-stop", Numbered(L"dll", 3), kNone, true, "dllLoadedAfterFree=1"},
-        ProbeRow{"lines still queued when the program exits are written", kAsync, L"--hold --lines 500",
-                 Numbered(L"probe line", 500), kNone},
-        ProbeRow{"lines still queued in a DLL when the process ends are written", kAsync,
-                 L"--dll-exit 500", Numbered(L"dll", 500), kNone, true}),
-    kwtest::ByRowName());
+const ProbeRow kProbeRows[] = {
+    {"no Holmlog ini writes nothing but computes the path", nullptr, L"--lines 1", kNone, kNone},
+    {"DataSize 0 is off", OUTLOG "OutFile=1\r\nDebugView=1\r\nDataSize=0\r\n", L"--lines 1", kNone, kNone, false, "enabled=0"},
+    {"DataSize 1 keeps one character", OUTLOG "OutFile=1\r\nDebugView=0\r\nDataSize=1\r\nWriteSyn=1\r\n", L"--lines 1", {L"p"}, kNone},
+    {"non-numeric switches read 0 and are off", OUTLOG "OutFile=yes\r\nDebugView=on\r\nDataSize=100\r\n", L"--lines 1", kNone, kNone},
+    {"debugger output only", OUTLOG "OutFile=0\r\nDebugView=1\r\nDataSize=100\r\n", L"--lines 2", kNone, Probe(2)},
+    {"only DataSize set: file and debugger, synchronous", OUTLOG "DataSize=100\r\n", L"--lines 2", Probe(2), Probe(2)},
+    {"background writer: file and debugger, flushed by the stop", OUTLOG "OutFile=1\r\nDataSize=100\r\nWriteSyn=0\r\n",
+     L"--lines 3 --stop", Probe(3), Probe(3)},
+    {"level 1 through the writer is ERROR", kSync, L"--lines 1 --level 1", Probe(1), kNone, false, nullptr, L"[ERROR]"},
+    {"FileLogIfOpen writes nothing before the writer exists", kSync, L"--if-open --lines 1", Probe(1), kNone},
+    {"writer in a DLL unloaded without a stop keeps its module until done", kAsync, L"--dll-no-stop", Dll(3), kNone, true,
+     "dllLoadedAfterFree=1"},
+    {"lines still queued when the program exits are written", kAsync, L"--hold --lines 500", Probe(500), kNone},
+    {"lines still queued in a DLL when the process ends are written", kAsync, L"--dll-exit 500", Dll(500), kNone, true},
+};
+INSTANTIATE_TEST_SUITE_P(Rows, LogWriterProbe, ::testing::ValuesIn(kProbeRows), kwtest::ByRowName());
 
 }  // namespace
 
-// A writer that polled its queue would use about one processor for the whole
-// idle period.
-TEST(LogWriterIdleCpu, BackgroundWriterUsesNoCpuWhileIdle) {
-    kwtest::TempDir dir(L"kwlogidle");
-    ProbeRun run = RunProbeIn(dir, kAsync, false, L"--lines 1 --idle-ms 2000 --stop");
-    ASSERT_EQ(0, run.exitCode) << run.output;
-    ASSERT_NE("", run.Value("idleCpuMs")) << run.output;
-    EXPECT_LT(atof(run.Value("idleCpuMs").c_str()), 200.0) << "process CPU (ms) over 2000 ms idle";
-}
-
-// Twenty rounds of load, write, stop, unload: the writer's objects go with
+// The background writer's resources, in one probe run. A writer that polled
+// its queue would use about one processor for the whole idle period. Then
+// twenty rounds of load, write, stop, unload: the writer's objects go with
 // the module. What the system keeps per load (measured by as many rounds that
 // only load and unload) is not the writer's; a writer left behind would add
 // about a dozen heap blocks per round.
-TEST(LogWriterDll, NothingLeftBehindPerLoadAndUnload) {
-    kwtest::TempDir dir(L"kwlogleak");
-    ProbeRun run = RunProbeIn(dir, kAsync, true, L"--dll 20");
+TEST(LogWriterResources, NoCpuWhileIdleAndNothingLeftBehindPerDllUnload) {
+    kwtest::TempDir dir(L"kwlogres");
+    ProbeRun run = RunProbeIn(dir, kAsync, true, L"--lines 1 --idle-ms 2000 --stop --dll 20");
     ASSERT_EQ(0, run.exitCode) << run.output;
+    ASSERT_NE("", run.Value("idleCpuMs")) << run.output;
+    EXPECT_LT(atof(run.Value("idleCpuMs").c_str()), 200.0) << "process CPU (ms) over 2000 ms idle";
     ASSERT_EQ("20", run.Value("dllUnloaded")) << run.output;
-    EXPECT_LT(atoi(run.Value("heapGrowth").c_str()) - atoi(run.Value("bareGrowth").c_str()), 2 * 19)
-        << run.output;
+    EXPECT_LT(atoi(run.Value("heapGrowth").c_str()) - atoi(run.Value("bareGrowth").c_str()), 2 * 19) << run.output;
 }

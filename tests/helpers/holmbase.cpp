@@ -21,13 +21,10 @@ class HolmObject final {
 public:
     virtual long __stdcall QueryInterface(const GUID* iid, void** out) {
         if (!out) return E_POINTER;
-        if (!iid || memcmp(iid, &kIid, sizeof(GUID)) != 0) {
-            *out = nullptr;
-            return E_NOINTERFACE;
-        }
-        AddRef();
-        *out = this;
-        return S_OK;
+        const bool known = iid && memcmp(iid, &kIid, sizeof(GUID)) == 0;
+        if (known) AddRef();
+        *out = known ? this : nullptr;
+        return known ? S_OK : E_NOINTERFACE;
     }
     virtual unsigned long __stdcall AddRef() { return InterlockedIncrement(&m_refs); }
     virtual unsigned long __stdcall Release() {

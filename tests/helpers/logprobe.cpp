@@ -2,7 +2,8 @@
 // configuration once per process from beside the executable, so every
 // configuration runs in a process of its own. Prints the log path, its process
 // and thread ids and whether the writer is on ("key=value" lines, UTF-8), then
-// writes lines as the options say.
+// writes lines as the options say. Every string it sends to the debugger is
+// printed too (debug=...). An option that no number follows counts as 1.
 //
 //   --lines N       lines to write (default 0): "probe line #i"
 //   --level N       write through the writer with this level, not FileLog
@@ -25,6 +26,7 @@
 //   --dll-no-stop   load logprobelib.dll, write "dll #1".."#3", unload it
 //                   without a stop; reports dllLoadedAfterFree=1 while its
 //                   writer thread keeps it mapped
+#include "common/handle.h"
 #include "common/strutil.h"
 #include "diag/log_writer.h"
 #include "diag/log_writer_state.h"
@@ -33,7 +35,8 @@
 #include <shellapi.h>
 
 #include <cstdio>
-#include <cstdlib>
+#include <cstring>
+#include <map>
 #include <string>
 
 namespace {
@@ -41,53 +44,33 @@ namespace {
 const char kSource[] = "logprobe";
 const char kFunction[] = "LogProbe::Main";
 const int kLine = 86;
+// Loaded by name: the program's own folder comes first in the search.
+const wchar_t kLibName[] = L"logprobelib.dll";
 
-struct Options {
-    int lines = 0;
-    int level = -1;  // -1: FileLog
-    bool ifOpen = false;
-    bool stop = false;
-    int idleMs = 0;
-    int dllRounds = 0;
-    bool dllNoStop = false;
-    bool hold = false;
-    int dllExit = 0;
-};
-
-Options ParseOptions() {
-    Options o;
+// Each option with its number; an option that no number follows is 1.
+std::map<std::wstring, int> ParseOptions() {
+    std::map<std::wstring, int> options;
     int argc = 0;
-    LPWSTR* argv = CommandLineToArgvW(GetCommandLineW(), &argc);
-    if (!argv) return o;
-    for (int i = 1; i < argc; ++i) {
-        std::wstring a = argv[i];
-        auto next = [&]() -> std::wstring { return i + 1 < argc ? argv[++i] : L""; };
-        if (a == L"--lines") o.lines = _wtoi(next().c_str());
-        else if (a == L"--level") o.level = _wtoi(next().c_str());
-        else if (a == L"--if-open") o.ifOpen = true;
-        else if (a == L"--stop") o.stop = true;
-        else if (a == L"--idle-ms") o.idleMs = _wtoi(next().c_str());
-        else if (a == L"--dll") o.dllRounds = _wtoi(next().c_str());
-        else if (a == L"--dll-no-stop") o.dllNoStop = true;
-        else if (a == L"--hold") o.hold = true;
-        else if (a == L"--dll-exit") o.dllExit = _wtoi(next().c_str());
+    kw::unique_argv argv(CommandLineToArgvW(GetCommandLineW(), &argc));
+    for (int i = 1; argv && i < argc; ++i) {
+        const std::wstring name = argv.get()[i];
+        const bool numbered = i + 1 < argc && argv.get()[i + 1][0] != L'-';
+        options[name] = numbered ? _wtoi(argv.get()[++i]) : 1;
     }
-    LocalFree(argv);
-    return o;
+    return options;
 }
 
-void WriteOne(const Options& o, const std::wstring& message) {
-    if (o.level != -1) {
-        kw::GetLogWriter()->Write(o.level, kSource, kFunction, kLine, "%ls", message.c_str());
-    } else if (o.ifOpen) {
-        kw::FileLogIfOpen(kSource, kFunction, kLine, "%ls", message.c_str());
-    } else {
-        kw::FileLog(kSource, kFunction, kLine, "%ls", message.c_str());
-    }
-}
-
-void WriteLines(const Options& o, int count) {
-    for (int i = 1; i <= count; ++i) WriteOne(o, L"probe line #" + std::to_wstring(i));
+// What the process sends to the debugger: OutputDebugString raises it as an
+// exception, seen here first. Printed as a "debug=" line, CR and LF as \r, \n.
+LONG CALLBACK PrintDebugString(EXCEPTION_POINTERS* e) {
+    const EXCEPTION_RECORD* r = e->ExceptionRecord;
+    if (r->ExceptionCode != DBG_PRINTEXCEPTION_C || r->NumberParameters < 2) return EXCEPTION_CONTINUE_SEARCH;
+    const char* p = reinterpret_cast<const char*>(r->ExceptionInformation[1]);
+    std::string text(p, strnlen(p, r->ExceptionInformation[0]));
+    for (size_t at = 0; (at = text.find_first_of("\r\n", at)) != std::string::npos; at += 2)
+        text.replace(at, 1, text[at] == '\r' ? "\\r" : "\\n");
+    printf("debug=%s\n", text.c_str());
+    return EXCEPTION_CONTINUE_EXECUTION;
 }
 
 ULONGLONG ProcessCpu100ns() {
@@ -97,27 +80,12 @@ ULONGLONG ProcessCpu100ns() {
     return ticks(kernel) + ticks(user);
 }
 
-// CPU time of the whole process (all threads) over `ms` of idling, in milliseconds.
-double IdleCpuMs(int ms) {
-    ULONGLONG before = ProcessCpu100ns();
-    Sleep(static_cast<DWORD>(ms));
-    return static_cast<double>(ProcessCpu100ns() - before) / 10000.0;
-}
-
-typedef void (*LogProbeWrite_t)(const wchar_t*);
+typedef void (*LogProbeFn_t)(const wchar_t*);
 typedef void (*LogProbeStop_t)();
-const wchar_t kLibName[] = L"logprobelib.dll";
 
 template <typename Fn>
 Fn Export(HMODULE lib, const char* name) {
     return reinterpret_cast<Fn>(reinterpret_cast<void*>(GetProcAddress(lib, name)));
-}
-
-std::wstring LibPath() {
-    wchar_t self[MAX_PATH + 1] = {0};
-    DWORD n = GetModuleFileNameW(nullptr, self, MAX_PATH);
-    std::wstring path(self, n > MAX_PATH ? MAX_PATH : n);
-    return path.substr(0, path.find_last_of(L'\\') + 1) + kLibName;
 }
 
 // Waits (at most timeoutMs) until the module is no longer loaded.
@@ -144,45 +112,39 @@ long BusyHeapBlocks() {
     return busy;
 }
 
-long BareRounds(int rounds) {
-    long afterFirst = 0;
-    for (int r = 1; r <= rounds; ++r) {
-        HMODULE lib = LoadLibraryW(LibPath().c_str());
-        if (!lib) return -1;
-        FreeLibrary(lib);
-        WaitUnloaded(5000);
-        if (r == 1) afterFirst = BusyHeapBlocks();
-    }
-    return BusyHeapBlocks() - afterFirst;
-}
-
-int DllRounds(int rounds) {
-    printf("bareGrowth=%ld\n", BareRounds(rounds));
+// `rounds` rounds of: load logprobelib.dll, (with write) write "dll<round> #1"
+// and "#2" through it and stop its writer, unload it. Prints `growth`=<heap
+// blocks in use after the last round minus after the first>; returns the
+// rounds after which the module was gone within 5 s.
+int DllRounds(int rounds, bool write, const char* growth) {
     int unloaded = 0;
     long afterFirst = 0;
     for (int r = 1; r <= rounds; ++r) {
-        HMODULE lib = LoadLibraryW(LibPath().c_str());
-        if (!lib) return 0;
-        auto write = Export<LogProbeWrite_t>(lib, "LogProbeWrite");
-        auto stop = Export<LogProbeStop_t>(lib, "LogProbeStop");
-        if (!write || !stop) return 0;
-        for (int i = 1; i <= 2; ++i)
-            write((L"dll" + std::to_wstring(r) + L" #" + std::to_wstring(i)).c_str());
-        stop();
+        HMODULE lib = LoadLibraryW(kLibName);
+        auto writeFn = lib ? Export<LogProbeFn_t>(lib, "LogProbeWrite") : nullptr;
+        auto stopFn = lib ? Export<LogProbeStop_t>(lib, "LogProbeStop") : nullptr;
+        if (!writeFn || !stopFn) return 0;
+        for (int i = 1; write && i <= 2; ++i) writeFn((L"dll" + std::to_wstring(r) + L" #" + std::to_wstring(i)).c_str());
+        if (write) stopFn();
         FreeLibrary(lib);
         if (WaitUnloaded(5000)) ++unloaded;
         if (r == 1) afterFirst = BusyHeapBlocks();
     }
-    printf("heapGrowth=%ld\n", BusyHeapBlocks() - afterFirst);
+    printf("%s=%ld\n", growth, BusyHeapBlocks() - afterFirst);
     return unloaded;
 }
 
-bool DllNoStop() {
-    HMODULE lib = LoadLibraryW(LibPath().c_str());
-    if (!lib) return false;
-    auto write = Export<LogProbeWrite_t>(lib, "LogProbeWrite");
-    if (!write) return false;
-    for (int i = 1; i <= 3; ++i) write((L"dll #" + std::to_wstring(i)).c_str());
+// Loads logprobelib.dll and writes "dll #1".."#count" through it. With hold
+// its writer is held first and the process ends with the lines queued;
+// without, the module is unloaded with no stop.
+bool DllWrite(int count, bool hold) {
+    HMODULE lib = LoadLibraryW(kLibName);
+    auto writeFn = lib ? Export<LogProbeFn_t>(lib, "LogProbeWrite") : nullptr;
+    auto holdFn = lib ? Export<LogProbeStop_t>(lib, "LogProbeHold") : nullptr;
+    if (!writeFn || !holdFn) return false;
+    if (hold) holdFn();
+    for (int i = 1; i <= count; ++i) writeFn((L"dll #" + std::to_wstring(i)).c_str());
+    if (hold) return true;
     FreeLibrary(lib);
     // The writer thread still holds its own reference to the module.
     Sleep(300);
@@ -190,23 +152,18 @@ bool DllNoStop() {
     return true;
 }
 
-// Lines queued in the DLL's writer when the process ends.
-bool DllExit(int lines) {
-    HMODULE lib = LoadLibraryW(LibPath().c_str());
-    if (!lib) return false;
-    auto write = Export<LogProbeWrite_t>(lib, "LogProbeWrite");
-    auto hold = Export<LogProbeStop_t>(lib, "LogProbeHold");
-    if (!write || !hold) return false;
-    hold();
-    for (int i = 1; i <= lines; ++i) write((L"dll #" + std::to_wstring(i)).c_str());
-    return true;
-}
-
 }  // namespace
 
 int main() {
-    Options o = ParseOptions();
-    if (o.ifOpen) kw::FileLogIfOpen(kSource, kFunction, kLine, "%s", "before the writer exists");
+    AddVectoredExceptionHandler(1, PrintDebugString);
+    const std::map<std::wstring, int> options = ParseOptions();
+    auto option = [&options](const wchar_t* name, int otherwise = 0) {
+        const auto it = options.find(name);
+        return it == options.end() ? otherwise : it->second;
+    };
+    const int level = option(L"--level", -1);  // -1: FileLog
+    const bool ifOpen = option(L"--if-open") != 0;
+    if (ifOpen) kw::FileLogIfOpen(kSource, kFunction, kLine, "%s", "before the writer exists");
 
     kw::CLogWriter* w = kw::GetLogWriter();
     if (!w) return 3;
@@ -214,21 +171,34 @@ int main() {
            GetCurrentProcessId(), GetCurrentThreadId(), w->IsEnabled() ? 1 : 0);
     fflush(stdout);
 
-    if (o.hold) {
+    if (option(L"--hold")) {
         kw::CLogWriterState* state = kw::GetLogWriterState();
         if (!state) return 5;
         state->HoldWriter(true);
     }
-    WriteLines(o, o.lines);
-    if (o.idleMs > 0) {
+    for (int i = 1; i <= option(L"--lines"); ++i) {
+        const std::wstring message = L"probe line #" + std::to_wstring(i);
+        if (level != -1)
+            w->Write(level, kSource, kFunction, kLine, "%ls", message.c_str());
+        else if (ifOpen)
+            kw::FileLogIfOpen(kSource, kFunction, kLine, "%ls", message.c_str());
+        else
+            kw::FileLog(kSource, kFunction, kLine, "%ls", message.c_str());
+    }
+    if (option(L"--idle-ms") > 0) {
         // Let the writer finish the lines so that only the idle period counts.
         Sleep(200);
-        printf("idleCpuMs=%.1f\n", IdleCpuMs(o.idleMs));
+        const ULONGLONG before = ProcessCpu100ns();
+        Sleep(static_cast<DWORD>(option(L"--idle-ms")));
+        printf("idleCpuMs=%.1f\n", static_cast<double>(ProcessCpu100ns() - before) / 10000.0);
     }
-    if (o.stop) kw::StopLogWriter();
-    if (o.dllRounds > 0) printf("dllUnloaded=%d\n", DllRounds(o.dllRounds));
-    if (o.dllNoStop && !DllNoStop()) return 4;
-    if (o.dllExit > 0 && !DllExit(o.dllExit)) return 6;
+    if (option(L"--stop")) kw::StopLogWriter();
+    if (option(L"--dll") > 0) {
+        DllRounds(option(L"--dll"), false, "bareGrowth");  // what the system itself keeps per load
+        printf("dllUnloaded=%d\n", DllRounds(option(L"--dll"), true, "heapGrowth"));
+    }
+    if (option(L"--dll-no-stop") && !DllWrite(3, false)) return 4;
+    if (option(L"--dll-exit") > 0 && !DllWrite(option(L"--dll-exit"), true)) return 6;
     printf("done=1\n");
     fflush(stdout);
     return 0;

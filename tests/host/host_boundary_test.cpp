@@ -16,12 +16,6 @@ namespace {
 
 const wchar_t kLinePrefix[] = L"[kwRegAnalyze][INFO ][";
 
-std::vector<std::wstring> PostValue(PluginHost& host, const std::wstring& data) {
-    const std::wstring name = L"vn";
-    std::unique_ptr<Event> ev(Event::RegistrySz(L"HKEY_LOCAL_MACHINE\\SOFTWARE\\kwtest-rules", name, data));
-    return host.PostRegistry(*ev, (2u << 16) | 6);
-}
-
 // The rule table is one per process: each step's host analyses with the first
 // text that gave a valid rule. Rule 6 takes the data as a path (FunctionID 5);
 // the ignored text would take the value name instead (FunctionID 20).
@@ -48,7 +42,8 @@ KW_CHILD_TEST(RuleSharing, EveryObjectAndEveryInitAnalysesWithTheRules) {
         SCOPED_TRACE(s.name);
         EXPECT_TRUE(s.host->Init(s.text));
         s.host->Engine().ClearLines();
-        std::vector<std::wstring> targets = PostValue(*s.host, exe);
+        std::unique_ptr<Event> ev(Event::RegistrySz(L"HKEY_LOCAL_MACHINE\\SOFTWARE\\kwtest-rules", L"vn", exe));
+        std::vector<std::wstring> targets = s.host->PostRegistry(*ev, (2u << 16) | 6);
         for (auto& t : targets) t = kwtest::Upper(t);
         EXPECT_EQ(s.targets, targets);
         EXPECT_EQ(s.targets.empty(), s.host->Engine().HasLine(L"co.GetParseRule Fail"));
@@ -56,12 +51,14 @@ KW_CHILD_TEST(RuleSharing, EveryObjectAndEveryInitAnalysesWithTheRules) {
 }
 
 // Events whose strings end exactly where the request's memory ends: the next
-// page is inaccessible, so reading one character past Inline faults.
+// page is inaccessible, so reading one character past Inline faults. And one
+// heap string given as both key path and rename path: read before anything is
+// freed, then replaced by two copies, and never freed twice.
 struct TailRow {
     const char* name;
     uint32_t operation;
-    const wchar_t* tail;      // written at the end of Inline, unterminated
-    int field;                // 0 key path, 1 rename path, 2 value name
+    const wchar_t* tail;      // written at the end of Inline, unterminated (field 3: a heap string)
+    int field;                // 0 key path, 1 rename path, 2 value name, 3 key path and rename path
     bool terminated;          // the tail's last character is a NUL
     const wchar_t* expected;  // a line the host must receive
 };
@@ -76,6 +73,8 @@ TEST(RequestStrings, ReadNoFurtherThanTheEndOfInline) {
          L"CPlugDeepScan::TransformEventRegPath]  postkey=HKEY_LOCAL_MACHINE\\SOFTWARE\\kwtail"},
         {"rename path unterminated", 5, L"HKEY_LOCAL_MACHINE\\SOFTWARE\\kwtail", 1, false,
          L"CPlugDeepScan::TransformEventRegPath]  postrename_key=HKEY_LOCAL_MACHINE\\SOFTWARE\\kwtail"},
+        {"key path and rename path as one string", 5, L"HKEY_LOCAL_MACHINE\\SOFTWARE\\kwshared", 3, false,
+         L"CPlugDeepScan::TransformEventRegPath]  postrename_key=HKEY_LOCAL_MACHINE\\SOFTWARE\\kwshared"},
     };
     PluginHost host;
     ASSERT_TRUE(host.Load() && host.Create() && host.Init("{}"));
@@ -86,50 +85,32 @@ TEST(RequestStrings, ReadNoFurtherThanTheEndOfInline) {
         q.Class = 2;
         q.Operation = r.operation;
         q.Context.ProcessId = GetCurrentProcessId();
-        if (r.field != 0) q.KeyPath = ev.Place(L"HKEY_LOCAL_MACHINE\\SOFTWARE\\kwtest", true);
-        wchar_t* tail = ev.PlaceInlineTail(r.tail);
+        if (r.field == 1 || r.field == 2) q.KeyPath = ev.Place(L"HKEY_LOCAL_MACHINE\\SOFTWARE\\kwtest", true);
+        wchar_t* tail = r.field == 3 ? ev.Place(r.tail, false) : ev.PlaceInlineTail(r.tail);
         if (r.terminated) q.Inline[2047] = 0;
-        (r.field == 0 ? q.KeyPath : r.field == 1 ? q.RenamePath : q.ValueName) = tail;
+        if (r.field == 0 || r.field == 3) q.KeyPath = tail;
+        if (r.field == 1 || r.field == 3) q.RenamePath = tail;
+        if (r.field == 2) q.ValueName = tail;
         host.Engine().ClearLines();
         host.PostRegistry(ev, (2u << 16) | 999);
         EXPECT_TRUE(host.Engine().HasLine(kLinePrefix + std::wstring(r.expected)));
+        EXPECT_NE(q.KeyPath, q.RenamePath);
+        EXPECT_TRUE(HeapValidate(GetProcessHeap(), 0, nullptr));
     }
 }
 
-// One heap string given as both key path and rename path is freed once, and
-// the rename path is read before anything is freed.
-TEST(RequestStrings, KeyPathAndRenamePathAsOneString) {
-    PluginHost host;
-    ASSERT_TRUE(host.Load() && host.Create() && host.Init("{}"));
-    const std::wstring key = L"HKEY_LOCAL_MACHINE\\SOFTWARE\\kwshared";
-    Event ev;
-    Request& q = ev.Req();
-    q.Class = 2;
-    q.Operation = 5;
-    q.Context.ProcessId = GetCurrentProcessId();
-    q.KeyPath = q.RenamePath = ev.Place(key, false);
-    host.PostRegistry(ev, (2u << 16) | 999);
-    EXPECT_TRUE(host.Engine().HasLine(L"]  prerenamekey=" + key));
-    EXPECT_TRUE(host.Engine().HasLine(L"]  postrename_key=" + key));
-    EXPECT_NE(q.KeyPath, q.RenamePath);
-    EXPECT_EQ(key, q.RenamePath);
-    EXPECT_TRUE(HeapValidate(GetProcessHeap(), 0, nullptr));
-}
-
-struct ClassRow {
-    const char* name;
-    bool driverEvent;
-    uint32_t cls;
-    const wchar_t* classLine;  // null: no class line at all
-};
-
 TEST(PostProcessEvent, ClassLineOnlyForARequestThatExists) {
-    const ClassRow rows[] = {{"no driver event", false, 2, nullptr},
+    struct {
+        const char* name;
+        bool driverEvent;
+        uint32_t cls;
+        const wchar_t* classLine;  // null: no class line at all
+    } rows[] = {{"no driver event", false, 2, nullptr},
                              {"file request", true, 1, L"Class=1(rd=2)"},
                              {"unknown class", true, 0, L"Class=0(rd=2)"}};
     PluginHost host;
     ASSERT_TRUE(host.Load() && host.Create() && host.Init("{}"));
-    for (const ClassRow& r : rows) {
+    for (const auto& r : rows) {
         SCOPED_TRACE(r.name);
         Event ev;
         ev.Req().Class = r.cls;
@@ -137,9 +118,7 @@ TEST(PostProcessEvent, ClassLineOnlyForARequestThatExists) {
         host.Engine().ClearLines();
         host.PostRegistry(ev, 0);
         EXPECT_EQ(r.classLine != nullptr, host.Engine().HasLine(L"(rd=2)"));
-        if (r.classLine) {
-            EXPECT_TRUE(host.Engine().HasLine(r.classLine));
-        }
+        EXPECT_TRUE(!r.classLine || host.Engine().HasLine(r.classLine)) << "no line " << testing::PrintToString(r.classLine);
     }
 }
 

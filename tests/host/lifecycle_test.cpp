@@ -9,12 +9,10 @@
 
 using namespace hostsim;
 
-namespace {
-PluginHost& Loaded(PluginHost& h) {
+static PluginHost& Loaded(PluginHost& h) {
     EXPECT_TRUE(h.Load());
     return h;
 }
-}  // namespace
 
 TEST(Lifecycle, CreateInitCallbacksRelease) {
     PluginHost host;
@@ -48,7 +46,9 @@ TEST(Lifecycle, CreateInitCallbacksRelease) {
     EXPECT_EQ(1, host.Engine().Refs());
 }
 
-TEST(Lifecycle, WrongInterfaceIdInAnyByteCreatesNothing) {
+// A wrong interface id (any one byte off) or a null argument creates
+// nothing; a null rule text with a length still initialises.
+TEST(Lifecycle, BadArgumentsToTheExports) {
     PluginHost host;
     Loaded(host);
     for (int i = 0; i < 16; ++i) {
@@ -59,21 +59,20 @@ TEST(Lifecycle, WrongInterfaceIdInAnyByteCreatesNothing) {
         EXPECT_FALSE(host.create(&g, &out)) << "byte " << i;
         EXPECT_EQ(sentinel, out) << "byte " << i;
     }
-}
-
-TEST(Lifecycle, NullArgumentsToTheExports) {
-    PluginHost host;
-    Loaded(host);
     IPlugin* out = nullptr;
     EXPECT_FALSE(host.create(nullptr, &out));
     EXPECT_FALSE(host.create(&kPluginIid, nullptr));
     EXPECT_EQ(nullptr, out);
     host.release(nullptr);  // ignored
+    ASSERT_TRUE(host.Create());
+    EXPECT_TRUE(host.InitRaw(&host.Engine(), nullptr, 100));
 }
 
 // Before any Init the process has no log sink: nothing may crash and nothing
-// is traced. A process of its own, since the sink is process-wide.
-KW_CHILD_TEST(LifecycleFresh, CallbacksBeforeInitAndNullHost) {
+// is traced, and the first Init (empty rule text: rule loading fails, Init
+// still succeeds) has no enter line, the second has. A process of its own,
+// since the sink is process-wide.
+KW_CHILD_TEST(LifecycleFresh, CallbacksBeforeInitThenFirstAndSecondInit) {
     PluginHost host;
     ASSERT_TRUE(Loaded(host).Create());
     IPlugin* p = host.Plugin();
@@ -94,12 +93,8 @@ KW_CHILD_TEST(LifecycleFresh, CallbacksBeforeInitAndNullHost) {
     EXPECT_EQ(0u, host.Engine().LineCount());
     EXPECT_EQ(0u, ctx.LineCount());
     EXPECT_EQ(0, host.Engine().Refs());
-}
 
-KW_CHILD_TEST(LifecycleFresh, FirstInitHasNoEnterLineSecondInitHas) {
-    PluginHost host;
-    ASSERT_TRUE(Loaded(host).Create());
-    ASSERT_TRUE(host.Init(""));  // empty rule text: rule loading fails, Init still succeeds
+    ASSERT_TRUE(host.Init(""));
     EXPECT_FALSE(host.Engine().HasLine(L"CPlugDeepScan::Init enter"));
     EXPECT_TRUE(host.Engine().HasLine(L"CPlugDeepScan::Init ok"));
     host.Engine().ClearLines();
@@ -107,57 +102,40 @@ KW_CHILD_TEST(LifecycleFresh, FirstInitHasNoEnterLineSecondInitHas) {
     EXPECT_TRUE(host.Engine().HasLine(L"[kwRegAnalyze][INFO ][CPlugDeepScan::Init] CPlugDeepScan::Init enter"));
 }
 
-TEST(Lifecycle, HostReferenceCounting) {
-    PluginHost host;
+// Init with the same engine changes no count; a new engine is taken (+1) and
+// the old one let go (-1), and becomes the log sink. A second object lives
+// beside the first and goes on when the first is released.
+TEST(Lifecycle, HostReferencesAndSeveralObjects) {
+    PluginHost host, b;
     ASSERT_TRUE(Loaded(host).Create());
+    ASSERT_TRUE(Loaded(b).Create());
+    EXPECT_NE(host.Plugin(), b.Plugin());
     RuleEngine other;
     ASSERT_TRUE(host.Init("{}"));
     EXPECT_EQ(1, host.Engine().Refs());
-    ASSERT_TRUE(host.Init("{}"));  // the same object again: no change
+    ASSERT_TRUE(host.Init("{}"));
     EXPECT_EQ(1, host.Engine().Refs());
-    ASSERT_TRUE(host.InitRaw(&other, "{}", 2));  // a new object: +1 new, -1 old
+    ASSERT_TRUE(host.InitRaw(&other, "{}", 2));
     EXPECT_EQ(1, other.Refs());
     EXPECT_EQ(0, host.Engine().Refs());
-    // The new object is the log sink now.
     host.Plugin()->SetEnable(0, 0);
     EXPECT_TRUE(other.HasLine(L"CPlugDeepScan::SetEnable hello"));
-    // Keep `other` valid as the process's sink until exit: re-point to the host's engine.
-    ASSERT_TRUE(host.Init("{}"));
-}
-
-TEST(Lifecycle, NullRuleTextPointerWithLength) {
-    PluginHost host;
-    ASSERT_TRUE(Loaded(host).Create());
-    EXPECT_TRUE(host.InitRaw(&host.Engine(), nullptr, 100));
-}
-
-TEST(Lifecycle, SeveralObjectsLiveSideBySide) {
-    PluginHost a, b;
-    ASSERT_TRUE(Loaded(a).Create());
-    ASSERT_TRUE(Loaded(b).Create());
-    EXPECT_NE(a.Plugin(), b.Plugin());
-    ASSERT_TRUE(a.Init("{}"));
+    // b's engine is the process's sink from here on, while `other` goes out of scope.
     ASSERT_TRUE(b.Init("{}"));
-    a.Release();
+    host.Release();
     b.Plugin()->SetEnable(0, 0);
     EXPECT_TRUE(b.Engine().HasLine(L"CPlugDeepScan::SetEnable hello"));
 }
 
-struct ShimRow {
-    const char* name;
-    REGSAM view;
-};
-
 TEST(Lifecycle, RegistryShimDeletesInTheRequestedView) {
     PluginHost host;
     ASSERT_TRUE(Loaded(host).regDelete);
-    const ShimRow rows[] = {{"64-bit view", KEY_WOW64_64KEY}, {"32-bit view", KEY_WOW64_32KEY}};
-    for (const auto& r : rows) {
-        SCOPED_TRACE(r.name);
+    for (REGSAM view : {KEY_WOW64_64KEY, KEY_WOW64_32KEY}) {
+        SCOPED_TRACE(view == KEY_WOW64_64KEY ? "64-bit view" : "32-bit view");
         std::wstring key = L"Software\\kwtest-shim-" + std::to_wstring(GetCurrentProcessId());
-        ASSERT_TRUE(kwtest::RegCreate(HKEY_LOCAL_MACHINE, key, r.view));
-        EXPECT_EQ(ERROR_SUCCESS, host.regDelete(HKEY_LOCAL_MACHINE, key.c_str(), r.view, 0));
-        EXPECT_FALSE(kwtest::RegKeyExists(HKEY_LOCAL_MACHINE, key, r.view));
-        EXPECT_EQ(ERROR_FILE_NOT_FOUND, host.regDelete(HKEY_LOCAL_MACHINE, key.c_str(), r.view, 0));
+        ASSERT_TRUE(kwtest::RegCreate(HKEY_LOCAL_MACHINE, key, view));
+        EXPECT_EQ(ERROR_SUCCESS, host.regDelete(HKEY_LOCAL_MACHINE, key.c_str(), view, 0));
+        EXPECT_FALSE(kwtest::RegKeyExists(HKEY_LOCAL_MACHINE, key, view));
+        EXPECT_EQ(ERROR_FILE_NOT_FOUND, host.regDelete(HKEY_LOCAL_MACHINE, key.c_str(), view, 0));
     }
 }

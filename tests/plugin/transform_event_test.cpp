@@ -48,9 +48,8 @@ class TransformEventTest : public ::testing::Test {
 protected:
     void SetUp() override {
         ASSERT_FALSE(sid.empty());
-        translator.reset(new CRegKeyTranslate());
-        CopyBounded(translator->m_szCurrentControlSet, MAX_PATH, L"ControlSet001");
-        plug.regKeyTranslate = translator.get();
+        CopyBounded(translator.m_szCurrentControlSet, MAX_PATH, L"ControlSet001");
+        plug.regKeyTranslate = &translator;
         event.drv = drv.get();
         Req().Class = RCLASS_REGISTRY;
         Req().Operation = REQ_OP_KEY_CREATED;
@@ -78,22 +77,21 @@ protected:
     std::unique_ptr<KW_DRV_EVENT> drv{new KW_DRV_EVENT()};
     FakeEvent event;
     CPlugDeepScan plug;
-    std::unique_ptr<CRegKeyTranslate> translator;
+    CRegKeyTranslate translator;
     ScopedSink cap;
 };
 
-TEST_F(TransformEventTest, NullEventOrRequest) {
+// No event, no request: refused with a line each. A file request: left alone.
+TEST_F(TransformEventTest, NullEventOrRequestAndFileRequest) {
     EXPECT_FALSE(plug.TransformEventRegPath(nullptr));
     event.drv = nullptr;
     EXPECT_FALSE(plug.TransformEventRegPath(&event));
     EXPECT_EQ((std::vector<std::wstring>{LINE_EVENT_ERR L"pEvent == nullptr", LINE_EVENT_ERR L"pReq == nullptr"}),
               cap.Texts());
-}
-
-TEST_F(TransformEventTest, FileRequestIsLeftAlone) {
+    event.drv = drv.get();
+    cap.sink.Clear();
     Req().Class = RCLASS_FILE;
-    wchar_t* key = Inline(0, L"HKEY_USERS\\" + sid + L"\\Software");
-    Req().KeyPath = key;
+    wchar_t* key = Req().KeyPath = Inline(0, L"HKEY_USERS\\" + sid + L"\\Software");
     EXPECT_TRUE(plug.TransformEventRegPath(&event));
     EXPECT_EQ(key, Req().KeyPath);
     EXPECT_TRUE(cap.Texts().empty());
@@ -101,8 +99,7 @@ TEST_F(TransformEventTest, FileRequestIsLeftAlone) {
 
 TEST_F(TransformEventTest, InlineKeyPathIsReplacedByAHeapCopy) {
     const std::wstring old = L"HKEY_USERS\\" + sid + L"\\Software\\Run";
-    wchar_t* key = Inline(0, old);
-    Req().KeyPath = key;
+    wchar_t* key = Req().KeyPath = Inline(0, old);
     EXPECT_TRUE(plug.TransformEventRegPath(&event));
     ASSERT_NE(key, Req().KeyPath);
     EXPECT_FALSE(IsInline(Req(), Req().KeyPath));
@@ -117,8 +114,7 @@ TEST_F(TransformEventTest, InlineKeyPathIsReplacedByAHeapCopy) {
 }
 
 TEST_F(TransformEventTest, HeapKeyPathIsFreed) {
-    wchar_t* key = Heap(L"HKEY_USERS\\" + sid + L"_Classes\\CLSID\\{1}");
-    Req().KeyPath = key;
+    wchar_t* key = Req().KeyPath = Heap(L"HKEY_USERS\\" + sid + L"_Classes\\CLSID\\{1}");
     EXPECT_TRUE(plug.TransformEventRegPath(&event));
     EXPECT_STREQ(L"HKEY_CURRENT_USER\\Software\\Classes\\CLSID\\{1}", Req().KeyPath);
     EXPECT_FALSE(HeapValidate(GetProcessHeap(), 0, key)) << "the old heap string was freed";
@@ -150,15 +146,22 @@ TEST_F(TransformEventTest, OtherOperationsLeaveTheRenamePath) {
     EXPECT_EQ(rename, Req().RenamePath);
 }
 
-TEST_F(TransformEventTest, UntranslatableKeyIsKept) {
-    wchar_t* key = Inline(0, L"\\REGISTRY\\MACHINE\\SOFTWARE\\x");
-    Req().KeyPath = key;
+// A key the translator refuses, and any key without a translator: kept.
+TEST_F(TransformEventTest, UntranslatableKeyAndNoTranslatorKeepTheKey) {
+    wchar_t* key = Req().KeyPath = Inline(0, L"\\REGISTRY\\MACHINE\\SOFTWARE\\x");
     EXPECT_TRUE(plug.TransformEventRegPath(&event));
     EXPECT_EQ(key, Req().KeyPath);
     ExpectLines({LINE_EVENT L"start Transform  prekey=\\REGISTRY\\MACHINE\\SOFTWARE\\x",
                  L"[kwRegAnalyze][INFO ][GetUserSidByPid] " + sid,
                  LINE_KWS L"0 old key: \\REGISTRY\\MACHINE\\SOFTWARE\\x \r\n new key:"},
                 cap.Texts());
+    plug.regKeyTranslate = nullptr;
+    cap.sink.Clear();
+    key = Req().KeyPath = Inline(0, L"HKEY_LOCAL_MACHINE\\SYSTEM\\ControlSet001\\x");
+    EXPECT_TRUE(plug.TransformEventRegPath(&event));
+    EXPECT_EQ(key, Req().KeyPath);
+    EXPECT_EQ(std::vector<std::wstring>{LINE_EVENT L"start Transform  prekey=HKEY_LOCAL_MACHINE\\SYSTEM\\ControlSet001\\x"},
+              cap.Texts());
 }
 
 TEST_F(TransformEventTest, NullKeyPathsAreSkipped) {
@@ -170,16 +173,6 @@ TEST_F(TransformEventTest, NullKeyPathsAreSkipped) {
               cap.Texts());
 }
 
-TEST_F(TransformEventTest, WithoutTranslatorNothingChanges) {
-    plug.regKeyTranslate = nullptr;
-    wchar_t* key = Inline(0, L"HKEY_LOCAL_MACHINE\\SYSTEM\\ControlSet001\\x");
-    Req().KeyPath = key;
-    EXPECT_TRUE(plug.TransformEventRegPath(&event));
-    EXPECT_EQ(key, Req().KeyPath);
-    EXPECT_EQ(std::vector<std::wstring>{LINE_EVENT L"start Transform  prekey=HKEY_LOCAL_MACHINE\\SYSTEM\\ControlSet001\\x"},
-              cap.Texts());
-}
-
 TEST_F(TransformEventTest, LongKeyPathIsCut) {
     const std::wstring tail(3000, L'a');
     Req().KeyPath = Heap(L"HKEY_LOCAL_MACHINE\\" + tail);
@@ -188,8 +181,7 @@ TEST_F(TransformEventTest, LongKeyPathIsCut) {
 }
 
 TEST_F(TransformEventTest, KeyPathNearTheEndOfInlineStorageIsNotFreed) {
-    wchar_t* key = Inline(2000, L"HKEY_LOCAL_MACHINE\\SOFTWARE\\x");
-    Req().KeyPath = key;
+    wchar_t* key = Req().KeyPath = Inline(2000, L"HKEY_LOCAL_MACHINE\\SOFTWARE\\x");
     EXPECT_TRUE(plug.TransformEventRegPath(&event));
     EXPECT_NE(key, Req().KeyPath);
     EXPECT_STREQ(L"HKEY_LOCAL_MACHINE\\SOFTWARE\\x", key);
