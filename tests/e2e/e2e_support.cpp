@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <memory>
 
 namespace e2e {
@@ -53,13 +54,24 @@ std::vector<std::wstring> Post(hostsim::Event& ev, uint32_t parseId, uint32_t mo
 
 std::vector<std::wstring> PostSz(const std::wstring& keyPath, const std::wstring& valueName,
                                  const std::wstring& data, uint32_t parseId, uint32_t type) {
-    std::unique_ptr<hostsim::Event> ev(hostsim::Event::RegistrySz(keyPath, valueName, data, type));
+    return PostValue(6, keyPath, valueName.c_str(), type, data, parseId);
+}
+
+std::vector<std::wstring> PostValue(uint32_t op, const std::wstring& keyPath, const wchar_t* valueName,
+                                    uint32_t type, const std::wstring& data, uint32_t parseId,
+                                    uint32_t claimedSize, uint32_t pid) {
+    const std::wstring name = valueName ? valueName : L"";
+    std::unique_ptr<hostsim::Event> ev(hostsim::Event::Registry(op, keyPath, valueName ? &name : nullptr, type,
+                                                                data.c_str(), static_cast<uint32_t>((data.size() + 1) * 2),
+                                                                pid ? pid : GetCurrentProcessId()));
+    if (claimedSize) ev->Req().Context.DataSize = claimedSize;
     return Post(*ev, parseId);
 }
 
-std::vector<std::wstring> Upper(std::vector<std::wstring> v) {
-    for (auto& s : v) s = kwtest::Upper(s);
-    return v;
+std::vector<std::wstring> Targets(std::vector<std::wstring> paths) {
+    for (auto& s : paths) s = kwtest::Upper(s);
+    std::sort(paths.begin(), paths.end());
+    return paths;
 }
 
 }  // namespace e2e

@@ -19,38 +19,16 @@ namespace {
 const std::wstring kCs = kwtest::ControlSetNameFromRegistry();
 const std::wstring kPid = std::to_wstring(GetCurrentProcessId());
 
+// Strings each followed by a NUL (the event adds the list's final NUL).
 std::wstring Multi(const std::vector<std::wstring>& strings) {
     std::wstring s;
-    for (const auto& x : strings) s += x + std::wstring(1, L'\0');
-    return s + std::wstring(1, L'\0');
+    for (const auto& x : strings) s += x + L'\0';
+    return s;
 }
 
-std::vector<std::wstring> PostRaw(uint32_t op, const std::wstring& key, const wchar_t* value, const std::wstring& data,
-                                  uint32_t type, uint32_t parseId, uint32_t claimedSize = 0) {
-    std::wstring name = value ? value : L"";
-    std::unique_ptr<Event> ev(Event::Registry(op, key, value ? &name : nullptr, type, data.c_str(),
-                                              static_cast<uint32_t>((data.size() + 1) * 2)));
-    if (claimedSize) ev->Req().Context.DataSize = claimedSize;
-    return Post(*ev, parseId);
-}
-
-struct Row {
-    const char* name;
-    uint32_t op;
-    std::wstring key;
-    const wchar_t* value;
-    std::wstring data;
-    uint32_t parseId;
-    std::wstring expected;  // empty: no target
-};
-
-void RunRows(const std::vector<Row>& rows, uint32_t type) {
-    for (const Row& r : rows) {
-        SCOPED_TRACE(r.name);
-        auto targets = PostRaw(r.op, r.key, r.value, r.data, type, r.parseId);
-        EXPECT_EQ(r.expected.empty() ? std::vector<std::wstring>{} : std::vector<std::wstring>{Upper(r.expected)},
-                  targets);
-    }
+// One target, or none for an empty path.
+std::vector<std::wstring> One(const std::wstring& path) {
+    return path.empty() ? std::vector<std::wstring>{} : std::vector<std::wstring>{Upper(path)};
 }
 
 }  // namespace
@@ -73,7 +51,8 @@ TEST(Service, ImagesDllsAndDriversFromTheServiceKey) {
         return L"HKEY_LOCAL_MACHINE\\SYSTEM\\" + kCs + L"\\Services\\" + std::wstring(n - 17 - kCs.size() - 11, L's') +
                L"\\Parameters";
     };
-    RunRows({
+    const struct { const char* name; uint32_t op; std::wstring key; const wchar_t* value; std::wstring data; uint32_t parseId;
+                   std::wstring expected; } rows[] = {
         {"boot form", 6, svc, L"ImagePath", L"\\SystemRoot\\System32\\drivers\\" + stem + L".sys", 31, driver},
         {"relative system32 form", 6, svc, L"ImagePath", L"system32\\DRIVERS\\" + stem + L".sys", 31, driver},
         {"object-manager form", 6, svc, L"ImagePath", L"\\??\\" + img, 31, img},
@@ -89,16 +68,17 @@ TEST(Service, ImagesDllsAndDriversFromTheServiceKey) {
         {"ServiceDll under the service key", 6, svc, L"ServiceDll", dll, 31, L""},
         {"ServiceDll below Parameters", 6, svc + L"\\Parameters\\x", L"ServiceDll", dll, 31, L""},
         // Beside repair.exe, which a command line without extension would name.
-        {"ServiceDll without extension, rule 76", 6, svc + L"\\parameters", L"ServiceDll", viaTemp + L"\\repair", 76,
-         repaired},
-        {"ServiceDll without extension, other rule", 6, svc + L"\\Parameters", L"ServiceDll", viaTemp + L"\\repair", 31,
-         loose},
-        {"another control set", 6, L"HKEY_LOCAL_MACHINE\\SYSTEM\\ControlSet009\\Services\\" + stem, L"ImagePath", img,
-         31, L""},
+        {"ServiceDll without extension, rule 76", 6, svc + L"\\parameters", L"ServiceDll", viaTemp + L"\\repair", 76, repaired},
+        {"ServiceDll without extension, other rule", 6, svc + L"\\Parameters", L"ServiceDll", viaTemp + L"\\repair", 31, loose},
+        {"another control set", 6, L"HKEY_LOCAL_MACHINE\\SYSTEM\\ControlSet009\\Services\\" + stem, L"ImagePath", img, 31, L""},
         {"sub-key of 258 characters", 6, longKey(258), L"ServiceDll", dll, 31, dll},
         {"sub-key of 259 characters", 6, longKey(259), L"ServiceDll", dll, 31, dll},
         {"sub-key of 260 characters", 6, longKey(260), L"ServiceDll", dll, 31, L""},
-    }, REG_EXPAND_SZ);
+    };
+    for (const auto& r : rows) {
+        SCOPED_TRACE(r.name);
+        EXPECT_EQ(One(r.expected), PostValue(r.op, r.key, r.value, REG_EXPAND_SZ, r.data, r.parseId));
+    }
     DeleteFileW((drivers + stem + L".sys").c_str());
     DeleteFileW((drivers + stem + L"Parameters.sys").c_str());
     kwtest::RemoveTree(L"C:\\Program Files\\kwtest-" + kPid);
@@ -119,14 +99,8 @@ TEST(BootExecute, OnlyAddedProgramsAreReported) {
     ASSERT_TRUE(kwtest::RegSetMulti(HKEY_LOCAL_MACHINE, current, L"BootExecute", {L"autocheck autochk *"}));
     kwtest::TempDir dir;
     const std::wstring tool = dir.File(L"tool.exe");
-    struct BootRow {
-        const char* name;
-        std::wstring data;
-        uint32_t claimed;
-        std::vector<std::wstring> expected;
-        const wchar_t* ret;
-    };
-    const BootRow rows[] = {
+    const struct { const char* name; std::wstring data; uint32_t claimed; std::vector<std::wstring> expected; const wchar_t* ret; }
+        rows[] = {
         {"a program next to the checker", Multi({L"autocheck autochk *", tool + L" /q"}), 0, {Upper(tool)}, L"||ret:0"},
         {"trailing star removed", Multi({L"autocheck autochk *", tool + L"*"}), 0, {Upper(tool)}, L"||ret:0"},
         {"the checker again, other case", Multi({L"AUTOCHECK AUTOCHK *"}), 0, {}, L"||ret:4"},
@@ -139,8 +113,7 @@ TEST(BootExecute, OnlyAddedProgramsAreReported) {
     for (const auto& r : rows) {
         SCOPED_TRACE(r.name);
         Host().Engine().ClearLines();
-        std::wstring data = r.data.substr(0, r.data.size() - 1);  // PostRaw adds the last NUL
-        EXPECT_EQ(r.expected, PostRaw(6, L"HKEY_LOCAL_MACHINE\\" + key, L"BootExecute", data, REG_MULTI_SZ, 32, r.claimed));
+        EXPECT_EQ(r.expected, PostValue(6, L"HKEY_LOCAL_MACHINE\\" + key, L"BootExecute", REG_MULTI_SZ, r.data, 32, r.claimed));
         EXPECT_TRUE(Host().Engine().HasLine(r.ret));
     }
 }
@@ -152,17 +125,10 @@ TEST(KnownDlls, NamesResolveInTheKnownDllDirectory) {
     const std::wstring dll = dir.File(L"kwkd" + kPid + L".dll"), event = L"HKEY_LOCAL_MACHINE\\" + key;
     wchar_t temp[MAX_PATH];
     const std::wstring blanks = L"  %TEMP%" + dir.Path().substr(GetEnvironmentVariableW(L"TEMP", temp, MAX_PATH)) + L" \t";
-    struct DirRow {
-        const char* name;
-        std::wstring directory;
-        DWORD type;
-        std::wstring key;
-        const wchar_t* value;
-        std::wstring data;
-        std::wstring expected;  // empty: no target
-    };
     auto longDir = [](size_t n) { return L"C:\\" + std::wstring(n - 3, L'd'); };
-    const DirRow rows[] = {
+    // The known-DLL directory (and its type), the event's key, value name and data, the one target or none.
+    const struct { const char* name; std::wstring directory; DWORD type; std::wstring key; const wchar_t* value; std::wstring data;
+                   std::wstring expected; } rows[] = {
         {"name without extension: its .dll", blanks, REG_EXPAND_SZ, event, L"kw", L"kwkd" + kPid, dll},
         {"name as written when it exists", blanks, REG_EXPAND_SZ, event, L"kw", L"kwkd" + kPid + L".dll", dll},
         {"neither exists: as written", blanks, REG_EXPAND_SZ, event, L"kw", L"gone", dir.Path() + L"\\gone"},
@@ -178,8 +144,6 @@ TEST(KnownDlls, NamesResolveInTheKnownDllDirectory) {
         SCOPED_TRACE(r.name);
         ASSERT_TRUE(kwtest::RegSetRaw(HKEY_LOCAL_MACHINE, key, L"DllDirectory32", r.type, r.directory.c_str(),
                                       r.type == REG_DWORD ? 4 : static_cast<DWORD>((r.directory.size() + 1) * 2)));
-        auto targets = PostRaw(6, r.key, r.value, r.data, REG_SZ, 33);
-        EXPECT_EQ(r.expected.empty() ? std::vector<std::wstring>{} : std::vector<std::wstring>{Upper(r.expected)},
-                  targets);
+        EXPECT_EQ(One(r.expected), PostValue(6, r.key, r.value, REG_SZ, r.data, 33));
     }
 }

@@ -6,25 +6,12 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <memory>
 
 using namespace e2e;
 using hostsim::Event;
 
-namespace {
-
 const std::wstring kRun = L"HKEY_LOCAL_MACHINE\\SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\Run";
-
-struct ValueRow {
-    const char* name;
-    std::wstring key, value, data;
-    uint32_t parseId;
-    std::vector<std::wstring> expected;  // in any case and order
-    uint32_t type;
-};
-
-}  // namespace
 
 TEST(ValuePath, HostEventToTargets) {
     kwtest::TempDir dir;
@@ -52,14 +39,15 @@ TEST(ValuePath, HostEventToTargets) {
     ASSERT_TRUE(kwtest::MakeFile(app));
     const std::wstring pattern = L"HKEY_USERS\\S-1-5-21-9-9-9-1001\\Software\\kwtest\\Vendor\\",
                        def = L"HKEY_LOCAL_MACHINE\\SOFTWARE\\kwtest\\Def", other = L"HKEY_LOCAL_MACHINE\\SOFTWARE\\kwtest-none";
-    const ValueRow rows[] = {
+    // A value write (REG_SZ unless given; the data size claimed when not 0) and its targets, in any case and order.
+    const struct { const char* name; std::wstring key, value, data; uint32_t parseId; std::vector<std::wstring> expected;
+                   uint32_t type, claimed; } rows[] = {
         {"5: quoted path with option: the program only", kRun, L"SomeApp", L"\"" + app + L"\" -silent", 5, {app}},
         {"5: unquoted path with spaces and option", kRun, L"SomeApp", app + L" /background", 5, {app}},
         {"5: kernel path of the machine hive", L"\\REGISTRY\\MACHINE\\SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\Run",
          L"SomeApp", L"\"" + app + L"\"", 5, {app}},
         {"5: environment token in expandable data", kRun, L"Tok", viaTemp, 5, {exe}, REG_EXPAND_SZ},
-        {"5: missing file reported as written", kRun, L"Gone", L"C:\\kwtest-missing\\nothere.exe", 5,
-         {L"C:\\kwtest-missing\\nothere.exe"}},
+        {"5: missing file reported as written", kRun, L"Gone", L"C:\\kwtest-missing\\nothere.exe", 5, {L"C:\\kwtest-missing\\nothere.exe"}},
         {"5: empty data", kRun, L"Empty", L"", 5, {}},
         {"20: the value name is the path", L"HKEY_LOCAL_MACHINE\\SOFTWARE\\kwtest\\Names", exe, L"ignored", 20, {exe}},
         {"19: each piece of a vertical-bar list", other, L"v", b + L"||" + a, 19, {a, b}},
@@ -82,12 +70,11 @@ TEST(ValuePath, HostEventToTargets) {
         {"14: repeats only: none", prevKey, L"Both", b + L'\0' + a + L'\0', 14, {}, REG_MULTI_SZ},
         {"14: one added", prevKey, L"One", a + L'\0' + x + L'\0', 14, {x}, REG_MULTI_SZ},
         {"14: case differs: not new", prevKey, L"Upper", a + L'\0', 14, {}, REG_MULTI_SZ},
+        {"14: list without its final NULs", other, L"List", y, 14, {y}, REG_MULTI_SZ, static_cast<uint32_t>(y.size() * 2)},
     };
-    for (const ValueRow& r : rows) {
+    for (const auto& r : rows) {
         SCOPED_TRACE(r.name);
-        std::vector<std::wstring> expected = Upper(r.expected);
-        std::sort(expected.begin(), expected.end());
-        EXPECT_EQ(expected, PostSz(r.key, r.value, r.data, r.parseId, r.type ? r.type : REG_SZ));
+        EXPECT_EQ(Targets(r.expected), PostValue(6, r.key, r.value.c_str(), r.type ? r.type : REG_SZ, r.data, r.parseId, r.claimed));
     }
     // The key path is given back to the host as it sent it.
     std::unique_ptr<Event> ev(Event::RegistrySz(kRun, L"SomeApp", app, REG_SZ));
@@ -108,13 +95,4 @@ TEST(RunKey, RemotePathIsReportedUntouched) {
     auto targets = PostSz(kRun, L"Far", path + L" /s", 5);
     kwtest::RemoveTree(folder);
     EXPECT_EQ(std::vector<std::wstring>{kwtest::Upper(path)}, targets);
-}
-
-TEST(MultiString, MissingFinalNulsTolerated) {
-    kwtest::TempDir dir;
-    std::wstring a = dir.File(L"nonul.dll");
-    std::wstring name = L"List";
-    std::unique_ptr<Event> ev(Event::Registry(6, L"HKEY_LOCAL_MACHINE\\SOFTWARE\\kwtest-none", &name, REG_MULTI_SZ,
-                                              a.data(), static_cast<uint32_t>(a.size() * 2)));
-    EXPECT_EQ(std::vector<std::wstring>{kwtest::Upper(a)}, Post(*ev, 14));
 }
