@@ -15,11 +15,7 @@ namespace {
 std::unique_ptr<ANALYZE_ITEM> MakeItem(uint32_t dsid, uint32_t op, const std::wstring& subkey,
                                        const std::wstring& valueName, const std::wstring& data,
                                        uint32_t type = REG_SZ) {
-    std::unique_ptr<ANALYZE_ITEM> item(new ANALYZE_ITEM());
-    item->dwSize = kAnalyzeItemSize;
-    item->dsid = dsid;
-    item->dwOperate = op;
-    item->hRootkey = KW_HKEY_LOCAL_MACHINE;
+    std::unique_ptr<ANALYZE_ITEM> item(new ANALYZE_ITEM{kAnalyzeItemSize, dsid, op, KW_HKEY_LOCAL_MACHINE});
     CopyBounded(item->szSubkey, kSubkeyChars, subkey.c_str());
     CopyBounded(item->szValuename, kValueNameChars, valueName.c_str());
     item->dwProcessId = GetCurrentProcessId();

@@ -14,8 +14,7 @@ namespace {
 
 // The entries' paths (commands that name no file are reported as written).
 std::vector<std::wstring> Analyse(const std::wstring& ini) {
-    std::unique_ptr<ANALYZE_ITEM> item(new ANALYZE_ITEM());
-    item->dwSize = kAnalyzeItemSize;
+    std::unique_ptr<ANALYZE_ITEM> item(new ANALYZE_ITEM{kAnalyzeItemSize});
     CopyBounded(item->szSubkey, kSubkeyChars, ini.c_str());
     CAnalizyOperate op;
     std::set<std::wstring> found;
