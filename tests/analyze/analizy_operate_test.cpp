@@ -142,7 +142,8 @@ TEST_F(AnalyzItemTest, DispatchCodes) {
     }
 }
 
-TEST_F(AnalyzItemTest, ThreeFilesGiveConsecutiveSequenceNumbers) {
+// Three files give consecutive sequence numbers; text that names no file is kept or the entry dropped.
+TEST_F(AnalyzItemTest, ParseFillNotifyNumbersFilesAndKeepsOrDropsUnresolvedText) {
     kwtest::TempDir dir;
     std::wstring a = dir.File(L"a.dll"), b = dir.File(L"b.dll"), c = dir.File(L"c.dll");
     CAnalizyOperate op;
@@ -158,15 +159,12 @@ TEST_F(AnalyzItemTest, ThreeFilesGiveConsecutiveSequenceNumbers) {
         EXPECT_EQ(L"k", n.subKey);
     }
     EXPECT_TRUE(log.sink.Has(L"ParseFillNotify:out file2="));
-}
-
-TEST_F(AnalyzItemTest, NothingResolvedKeepsTheTextOrDropsTheEntry) {
-    CAnalizyOperate op;
-    EXPECT_EQ(1u, op.ParseFillNotify(L"C:\\kwtest-none\\x.exe", op.CreateEntry(9), true, nullptr, false));
-    EXPECT_TRUE(op.Results().empty());
-    EXPECT_EQ(1u, op.ParseFillNotify(L"C:\\kwtest-none\\x.exe", op.CreateEntry(9), false, nullptr, false));
-    ASSERT_EQ(1u, op.Results().size());
-    EXPECT_EQ(L"C:\\kwtest-none\\x.exe", op.Results().front().filePath);
+    CAnalizyOperate other;
+    EXPECT_EQ(1u, other.ParseFillNotify(L"C:\\kwtest-none\\x.exe", other.CreateEntry(9), true, nullptr, false));
+    EXPECT_TRUE(other.Results().empty());
+    EXPECT_EQ(1u, other.ParseFillNotify(L"C:\\kwtest-none\\x.exe", other.CreateEntry(9), false, nullptr, false));
+    ASSERT_EQ(1u, other.Results().size());
+    EXPECT_EQ(L"C:\\kwtest-none\\x.exe", other.Results().front().filePath);
 }
 
 TEST_F(AnalyzItemTest, PushDropsDirectoriesAndSysnativePaths) {

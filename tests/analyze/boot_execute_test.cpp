@@ -8,7 +8,7 @@
 
 using namespace kw;
 
-TEST(BootExecuteRecord, ExistingProgramsOnlyWithTheSwitch) {
+TEST(BootExecuteRecord, ExistingProgramsOnlyWithTheSwitchAndNoReadBeyondTheRecord) {
     const std::wstring key = L"SYSTEM\\CurrentControlSet\\Control\\Session Manager";
     kwtest::SavedRegValue saved(key, L"BootExecute");
     ASSERT_TRUE(kwtest::RegSetMulti(HKEY_LOCAL_MACHINE, key, L"BootExecute", {L"C:\\kwtest-none\\old.exe"}));
@@ -26,11 +26,8 @@ TEST(BootExecuteRecord, ExistingProgramsOnlyWithTheSwitch) {
         if (on) expected.insert(expected.begin(), L"c:\\kwtest-none\\OLD.exe");
         EXPECT_EQ(expected, paths) << on;
     }
-}
-
-TEST(BootExecuteRecord, DataBeyondTheRecordIsNeverRead) {
-    std::unique_ptr<ANALYZE_ITEM> item(new ANALYZE_ITEM());
-    std::fill_n(reinterpret_cast<wchar_t*>(item->data), kDataBytes / 2, L'x');  // no NUL
+    // A record claiming more data than it holds, none of it terminated.
+    std::fill_n(reinterpret_cast<wchar_t*>(item->data), kDataBytes / 2, L'x');
     item->dwDataSize = 0xFFFFFFFFu;
     CAnalizyOperate op;
     EXPECT_EQ(0u, op.AnalyzBootExecute(item.get(), std::wstring()));

@@ -59,13 +59,13 @@ std::vector<std::wstring> PostSz(const std::wstring& keyPath, const std::wstring
 
 std::vector<std::wstring> PostValue(uint32_t op, const std::wstring& keyPath, const wchar_t* valueName,
                                     uint32_t type, const std::wstring& data, uint32_t parseId,
-                                    uint32_t claimedSize, uint32_t pid) {
+                                    uint32_t claimedSize, uint32_t pid, uint32_t mode) {
     const std::wstring name = valueName ? valueName : L"";
     std::unique_ptr<hostsim::Event> ev(hostsim::Event::Registry(op, keyPath, valueName ? &name : nullptr, type,
                                                                 data.c_str(), static_cast<uint32_t>((data.size() + 1) * 2),
                                                                 pid ? pid : GetCurrentProcessId()));
     if (claimedSize) ev->Req().Context.DataSize = claimedSize;
-    return Post(*ev, parseId);
+    return Post(*ev, parseId, mode);
 }
 
 std::vector<std::wstring> Targets(std::vector<std::wstring> paths) {

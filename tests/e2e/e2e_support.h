@@ -4,6 +4,7 @@
 #pragma once
 #include "host_sim.h"
 #include "support/fixtures.h"
+#include "support/kit.h"
 
 #include <string>
 #include <vector>
@@ -29,7 +30,7 @@ std::vector<std::wstring> PostSz(const std::wstring& keyPath, const std::wstring
 // when not 0, replaces the data size the event reports; `pid` 0 is this process.
 std::vector<std::wstring> PostValue(uint32_t op, const std::wstring& keyPath, const wchar_t* valueName,
                                     uint32_t type, const std::wstring& data, uint32_t parseId,
-                                    uint32_t claimedSize = 0, uint32_t pid = 0);
+                                    uint32_t claimedSize = 0, uint32_t pid = 0, uint32_t mode = 2);
 
 // Paths as the host receives them as targets: upper-cased, in order.
 std::vector<std::wstring> Targets(std::vector<std::wstring> paths);

@@ -37,15 +37,13 @@ TEST(Extensions, HostEventToTargets) {
                        lng = dir.File(L"long.exe"), menu = dir.File(L"menu.dll"), exe = dir.File(L"tool.exe");
     set(L"cls\\shell\\open\\command", L"\"" + open + L"\" \"%1\"");
     set(L"cls\\shell\\Edit\\command", edit);
-    const DWORD one = 1;
-    kwtest::RegSetRaw(HKEY_LOCAL_MACHINE, base.Path() + L"\\cls\\shell\\num\\command", L"", REG_DWORD, &one, 4);
+    kwtest::RegSetDword(HKEY_LOCAL_MACHINE, base.Path() + L"\\cls\\shell\\num\\command", L"", 1);
     std::wstring cmd[3];  // 1022, 1023, 1024 characters: 2046, 2048, 2050 bytes with the NUL
     for (int i = 0; i < 3; ++i) {
         cmd[i] = lng + L" " + std::wstring(1022 + i - lng.size() - 5, L'a') + L" END";
         set(L"cls\\shell\\n" + std::to_wstring(i) + L"\\command", cmd[i]);
     }
-    const std::wstring pid = std::to_wstring(GetCurrentProcessId());
-    const std::wstring clsid = L"{6B777465-7374-4578-7400-" + std::wstring(12 - pid.size(), L'0') + pid + L"}";
+    const std::wstring clsid = kwtest::FreshClsid();
     kwtest::ClassRegistration component(HKEY_LOCAL_MACHINE, L"Software\\Classes\\CLSID\\" + clsid, KEY_WOW64_64KEY);
     const std::wstring comp = dir.File(L"comp.dll");
     component.SetServer(L"InprocServer32", comp);

@@ -100,7 +100,6 @@ TEST(FileLink, OpenCommandDefaultValues) {
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
-        auto expected = c.found ? std::vector<std::wstring>{kwtest::Upper(exe)} : std::vector<std::wstring>{};
-        EXPECT_EQ(expected, PostSz(c.key, c.value, L"\"" + exe + L"\" \"%1\"", 15));
+        EXPECT_EQ(c.found ? Targets({exe}) : Targets({}), PostSz(c.key, c.value, L"\"" + exe + L"\" \"%1\"", 15));
     }
 }

@@ -33,15 +33,14 @@ TEST(Refusal, OperationsModesTypesAndRules) {
     for (const auto& r : rows) {
         SCOPED_TRACE(r.name);
         Host().Engine().ClearLines();
-        std::wstring name = L"v";
-        std::unique_ptr<Event> ev(Event::Registry(r.operation, r.key, r.operation == 6 || r.operation == 7 ? &name : nullptr,
-                                                  r.valueType, kExe.c_str(), static_cast<uint32_t>((kExe.size() + 1) * 2)));
-        EXPECT_TRUE(Post(*ev, r.parseId, r.mode).empty());
+        const wchar_t* name = r.operation == 6 || r.operation == 7 ? L"v" : nullptr;  // value operations name their value
+        EXPECT_TRUE(PostValue(r.operation, r.key, name, r.valueType, kExe, r.parseId, 0, 0, r.mode).empty());
         EXPECT_TRUE(Traced(r.trace)) << "missing trace";
     }
 }
 
-TEST(Refusal, FileRequestOrNoDriverEventOnlyTraces) {
+// A file request, no driver event, no target from the host, a target without an analysis id.
+TEST(Refusal, NoRegistryRequestTargetOrAnalysisId) {
     Host().Engine().ClearLines();
     std::unique_ptr<Event> ev(Event::File(1, L"C:\\x.inf"));
     EXPECT_TRUE(Post(*ev, 5).empty());
@@ -52,19 +51,14 @@ TEST(Refusal, FileRequestOrNoDriverEventOnlyTraces) {
     Event none;
     none.SetNoDriverEvent(true);
     EXPECT_TRUE(Post(none, 5).empty());
-}
-
-TEST(Refusal, NoTargetFromTheHostOrNoAnalysisId) {
-    Host().Engine().ClearLines();
-    std::unique_ptr<Event> ev(Event::RegistrySz(kKey, L"v", kExe));
+    std::unique_ptr<Event> reg(Event::RegistrySz(kKey, L"v", kExe));
     hostsim::RuleEngine::SetThreadTarget(nullptr);
-    Host().Plugin()->PostProcessEvent(ev.get(), &Host().Engine());
-    EXPECT_TRUE(Traced(L"GetTarget error: ruleEng="));
-    EXPECT_TRUE(Traced(L"GetAnalyzeId fail pTarget=nullptr"));
-    EXPECT_TRUE(Traced(L"Scan Mode Error,nAnalyzeMode=0 Parseid=0"));
+    Host().Plugin()->PostProcessEvent(reg.get(), &Host().Engine());
+    for (const wchar_t* line : {L"GetTarget error: ruleEng=", L"GetAnalyzeId fail pTarget=nullptr", L"Scan Mode Error,nAnalyzeMode=0 Parseid=0"})
+        EXPECT_TRUE(Traced(line)) << line;
     // The target's property getter fails.
     Target target(0x20005, 0x80004005);
-    Host().PostRegistry(*ev, 0, &target);
+    Host().PostRegistry(*reg, 0, &target);
     EXPECT_TRUE(target.Paths().empty());
     EXPECT_TRUE(Traced(L"GetAnalyzeId GetProperty fail ret=0x80004005"));
 }

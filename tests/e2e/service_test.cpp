@@ -26,11 +26,6 @@ std::wstring Multi(const std::vector<std::wstring>& strings) {
     return s;
 }
 
-// One target, or none for an empty path.
-std::vector<std::wstring> One(const std::wstring& path) {
-    return path.empty() ? std::vector<std::wstring>{} : std::vector<std::wstring>{Upper(path)};
-}
-
 }  // namespace
 
 TEST(Service, ImagesDllsAndDriversFromTheServiceKey) {
@@ -43,8 +38,7 @@ TEST(Service, ImagesDllsAndDriversFromTheServiceKey) {
                        loose = dir.File(L"repair.exe");
     const std::wstring exe = L"C:\\Program Files\\kwtest-" + kPid + L"\\Some App\\svc.exe";
     kwtest::MakeFile(exe);
-    wchar_t temp[MAX_PATH];
-    const std::wstring viaTemp = L"%TEMP%" + dir.Path().substr(GetEnvironmentVariableW(L"TEMP", temp, MAX_PATH));
+    const std::wstring viaTemp = L"%TEMP%" + dir.Path().substr(kwtest::EnvText(L"TEMP").size());
     // Sub-keys of 258, 259 and 260 characters ending in "\Parameters": the
     // analyzer reads 259 of them.
     auto longKey = [&](size_t n) {
@@ -77,10 +71,10 @@ TEST(Service, ImagesDllsAndDriversFromTheServiceKey) {
     };
     for (const auto& r : rows) {
         SCOPED_TRACE(r.name);
-        EXPECT_EQ(One(r.expected), PostValue(r.op, r.key, r.value, REG_EXPAND_SZ, r.data, r.parseId));
+        EXPECT_EQ(r.expected.empty() ? Targets({}) : Targets({r.expected}),
+                  PostValue(r.op, r.key, r.value, REG_EXPAND_SZ, r.data, r.parseId));
     }
-    DeleteFileW((drivers + stem + L".sys").c_str());
-    DeleteFileW((drivers + stem + L"Parameters.sys").c_str());
+    for (const wchar_t* file : {L".sys", L"Parameters.sys"}) DeleteFileW((drivers + stem + file).c_str());
     kwtest::RemoveTree(L"C:\\Program Files\\kwtest-" + kPid);
 
     Host().Engine().ClearLines();
@@ -123,8 +117,7 @@ TEST(KnownDlls, NamesResolveInTheKnownDllDirectory) {
     kwtest::SavedRegValue saved(key, L"DllDirectory32");  // a 32-bit process on 64-bit Windows reads this one
     kwtest::TempDir dir;
     const std::wstring dll = dir.File(L"kwkd" + kPid + L".dll"), event = L"HKEY_LOCAL_MACHINE\\" + key;
-    wchar_t temp[MAX_PATH];
-    const std::wstring blanks = L"  %TEMP%" + dir.Path().substr(GetEnvironmentVariableW(L"TEMP", temp, MAX_PATH)) + L" \t";
+    const std::wstring blanks = L"  %TEMP%" + dir.Path().substr(kwtest::EnvText(L"TEMP").size()) + L" \t";
     auto longDir = [](size_t n) { return L"C:\\" + std::wstring(n - 3, L'd'); };
     // The known-DLL directory (and its type), the event's key, value name and data, the one target or none.
     const struct { const char* name; std::wstring directory; DWORD type; std::wstring key; const wchar_t* value; std::wstring data;
@@ -144,6 +137,6 @@ TEST(KnownDlls, NamesResolveInTheKnownDllDirectory) {
         SCOPED_TRACE(r.name);
         ASSERT_TRUE(kwtest::RegSetRaw(HKEY_LOCAL_MACHINE, key, L"DllDirectory32", r.type, r.directory.c_str(),
                                       r.type == REG_DWORD ? 4 : static_cast<DWORD>((r.directory.size() + 1) * 2)));
-        EXPECT_EQ(One(r.expected), PostValue(6, r.key, r.value, REG_SZ, r.data, 33));
+        EXPECT_EQ(r.expected.empty() ? Targets({}) : Targets({r.expected}), PostValue(6, r.key, r.value, REG_SZ, r.data, 33));
     }
 }

@@ -17,9 +17,8 @@ TEST(ValuePath, HostEventToTargets) {
     kwtest::TempDir dir;
     const std::wstring exe = dir.File(L"v.exe"), a = dir.File(L"a.exe"), b = dir.File(L"b.exe"),
                        x = dir.File(L"x.dll"), y = dir.File(L"y.dll");
-    wchar_t temp[MAX_PATH], pf[MAX_PATH] = {0};
-    const std::wstring viaTemp = L"%TEMP%" + exe.substr(GetEnvironmentVariableW(L"TEMP", temp, MAX_PATH));
-    if (!GetEnvironmentVariableW(L"ProgramW6432", pf, MAX_PATH)) GetEnvironmentVariableW(L"ProgramFiles", pf, MAX_PATH);
+    const std::wstring viaTemp = L"%TEMP%" + exe.substr(kwtest::EnvText(L"TEMP").size());
+    const std::wstring pf = kwtest::EnvText(kwtest::EnvText(L"ProgramW6432").empty() ? L"ProgramFiles" : L"ProgramW6432");
     // Previous data in the registry (64-bit view, where a native key lives):
     // only pieces added to it are reported.
     const std::wstring winlogon = L"SOFTWARE\\Microsoft\\Windows NT\\CurrentVersion\\Winlogon";
@@ -61,7 +60,7 @@ TEST(ValuePath, HostEventToTargets) {
         {"14: expansion shorter than the text", other, L"List", L"%SystemRoot%\\kw.exe", 14,
          {kwtest::WindowsDir() + L"\\kw.exe"}, REG_EXPAND_SZ},
         {"14: expansion longer than the text", other, L"List", L"%ProgramFiles%\\kw.exe", 14,
-         {std::wstring(pf) + L"\\kw.exe"}, REG_EXPAND_SZ},
+         {pf + L"\\kw.exe"}, REG_EXPAND_SZ},
         {"1: only the piece added to Userinit", L"HKEY_LOCAL_MACHINE\\" + winlogon, L"Userinit",
          L"C:\\Windows\\system32\\userinit.exe," + exe + L",", 2, {exe}},
         {"1: AppInit pieces with '*' for '.' are not new", prevKey, L"AppInit_DLLs", starred + L"," + y, 1, {y}},
