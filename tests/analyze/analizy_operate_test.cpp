@@ -81,10 +81,9 @@ TEST_F(AnalyzItemTest, RecordRefusals) {
 TEST_F(AnalyzItemTest, RuleSeventySixKeepsItsTokensInTheRecord) {
     for (uint32_t dsid : {76u, 77u, 9u}) {
         SCOPED_TRACE(dsid);
-        CAnalizyOperate op;
         std::set<std::wstring> out;
         auto item = MakeItem(dsid, 16, L"SOFTWARE\\x", L"v", L"%SystemRoot%\\kw.exe", REG_EXPAND_SZ);
-        op.AnalyzItem(item.get(), out, RegRule{9, 5});
+        CAnalizyOperate().AnalyzItem(item.get(), out, RegRule{9, 5});
         std::wstring after = RecordDataText(item.get());
         if (dsid == 9)
             EXPECT_EQ(std::wstring::npos, after.find(L'%')) << after;
@@ -94,11 +93,9 @@ TEST_F(AnalyzItemTest, RuleSeventySixKeepsItsTokensInTheRecord) {
 }
 
 TEST_F(AnalyzItemTest, TraceLineOfTheRecordUsesDollarForPercent) {
-    CAnalizyOperate op;
     std::set<std::wstring> out;
     // Text holding a token is lower-cased by the 64-bit expansion of a WOW64 process.
-    auto item = MakeItem(76, 16, L"SOFTWARE\\100%", L"v", L"C:\\kwtest-none\\%x%.exe");
-    op.AnalyzItem(item.get(), out, RegRule{9, 5});
+    CAnalizyOperate().AnalyzItem(MakeItem(76, 16, L"SOFTWARE\\100%", L"v", L"C:\\kwtest-none\\%x%.exe").get(), out, RegRule{9, 5});
     EXPECT_TRUE(log.sink.Has(L"[INFO ][CAnalizyOperate::AnalyzItem]  [regscan] ||dsid:76||op:modify value||regpath:"
                              L"HKEY_LOCAL_MACHINE\\SOFTWARE\\100$\\[v]||filepath:c:\\kwtest-none\\$x$.exe;||ret:0"))
         << ::testing::PrintToString(log.Texts());
@@ -152,12 +149,9 @@ TEST_F(AnalyzItemTest, ParseFillNotifyNumbersFilesAndKeepsOrDropsUnresolvedText)
     EXPECT_EQ(1u, entry->seq);
     entry->subKey = L"k";
     EXPECT_EQ(1u, op.ParseFillNotify(L"(" + a + L";" + b + L";" + c + L")", std::move(entry), false, nullptr, false));
-    ASSERT_EQ(3u, op.Results().size());
-    uint32_t seq = 1;
-    for (const auto& n : op.Results()) {
-        EXPECT_EQ(seq++, n.seq);
-        EXPECT_EQ(L"k", n.subKey);
-    }
+    std::vector<std::pair<uint32_t, std::wstring>> got;  // each entry's number and sub-key
+    for (const auto& n : op.Results()) got.emplace_back(n.seq, n.subKey);
+    EXPECT_EQ((std::vector<std::pair<uint32_t, std::wstring>>{{1, L"k"}, {2, L"k"}, {3, L"k"}}), got);
     EXPECT_TRUE(log.sink.Has(L"ParseFillNotify:out file2="));
     CAnalizyOperate other;
     EXPECT_EQ(1u, other.ParseFillNotify(L"C:\\kwtest-none\\x.exe", other.CreateEntry(9), true, nullptr, false));
@@ -185,10 +179,8 @@ TEST_F(AnalyzItemTest, PushDropsDirectoriesAndSysnativePaths) {
 
 // Every refusal writes one line: "[kwRegAnalyze][ERROR][CAnalizyOperate::<fn>] <fn> <reason>".
 TEST_F(AnalyzItemTest, KeyPathTestLines) {
-    const wchar_t* kRoot = L"pAnalizy hRootkey not hKey.";
-    const wchar_t* kPath = L"pAnalizy szSubkey not invalid.";
-    const wchar_t* kName = L"szValuename null.";
-    const wchar_t* kLevel = L"CountPathLevel < 1.";
+    const wchar_t *kRoot = L"pAnalizy hRootkey not hKey.", *kPath = L"pAnalizy szSubkey not invalid.";
+    const wchar_t *kName = L"szValuename null.", *kLevel = L"CountPathLevel < 1.";
     const uint32_t hklm = KW_HKEY_LOCAL_MACHINE;
     // The short test asks for one level below the pattern's end. The record is SOFTWARE\x\y [v] unless named.
     const struct { const char* name; bool useShort; uint32_t root; const wchar_t *pattern, *valueName, *reason;

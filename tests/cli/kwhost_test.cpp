@@ -9,23 +9,20 @@
 #include <algorithm>
 #include <fstream>
 #include <set>
-#include <sstream>
+#include <iterator>
 #include <string>
 
 namespace {
 
 std::wstring Bin() {
-    wchar_t buf[MAX_PATH] = {0};
-    GetModuleFileNameW(nullptr, buf, MAX_PATH - 1);
-    std::wstring s(buf);
-    return s.substr(0, s.find_last_of(L'\\') + 1);
+    std::wstring self(MAX_PATH, L'\0');
+    self.resize(GetModuleFileNameW(nullptr, &self[0], MAX_PATH - 1));
+    return self.substr(0, self.find_last_of(L'\\') + 1);
 }
 
 std::string Slurp(const std::wstring& path) {
     std::ifstream in(path.c_str(), std::ios::binary);
-    std::ostringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
+    return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
 size_t LineCount(const std::string& s) { return std::count(s.begin(), s.end(), '\n'); }

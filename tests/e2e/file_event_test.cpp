@@ -1,5 +1,5 @@
 // Written autorun and shortcut files from the host's file event to the targets,
-// and the open command of a file class (FunctionID 15) from a registry event.
+// and a shortcut named by a Run value.
 #include "e2e_support.h"
 
 #include <gtest/gtest.h>
@@ -82,24 +82,4 @@ TEST(FileEvent, AutorunAndShortcutFilesYieldTheirPrograms) {
               PostSz(L"HKEY_LOCAL_MACHINE\\SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\Run", L"L", L"\"" + lnk + L"\"", 5));
     EXPECT_TRUE(Host().Engine().HasLine(L"[LNK] parse link file " + lnk));
     kwtest::RemoveTree(L"C:\\" + rootDir);
-}
-
-TEST(FileLink, OpenCommandDefaultValues) {
-    kwtest::TempDir dir;
-    const std::wstring exe = dir.File(L"open.exe");
-    const std::wstring cls = L"kwtestfile-" + std::to_wstring(GetCurrentProcessId());
-    const std::wstring userClasses = L"HKEY_USERS\\" + kwtest::CurrentUserSid() + L"_Classes\\";
-    const struct { const char* name; std::wstring key, value; bool found; } cases[] = {
-        {"user's classes, default value", userClasses + cls + L"\\shell\\open\\command", L"", true},
-        {"kernel path of the machine's classes", L"\\REGISTRY\\MACHINE\\SOFTWARE\\Classes\\" + cls + L"\\shell\\open\\command", L"default_null", true},
-        {"machine classes", L"HKEY_LOCAL_MACHINE\\SOFTWARE\\Classes\\" + cls + L"\\Shell\\Open\\Command", L"", true},
-        {"named value", userClasses + cls + L"\\shell\\open\\command", L"x", false},
-        {"not an open command", L"HKEY_LOCAL_MACHINE\\SOFTWARE\\Classes\\" + cls + L"\\DefaultIcon", L"", false},
-        {"outside the classes", L"HKEY_LOCAL_MACHINE\\SOFTWARE\\" + cls + L"\\shell\\open\\command", L"", false},
-        {"current user root", L"HKEY_CURRENT_USER\\Software\\Classes\\" + cls + L"\\shell\\open\\command", L"", false},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
-        EXPECT_EQ(c.found ? Targets({exe}) : Targets({}), PostSz(c.key, c.value, L"\"" + exe + L"\" \"%1\"", 15));
-    }
 }

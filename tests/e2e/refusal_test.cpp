@@ -74,8 +74,6 @@ TEST(BadInput, FullDataWithoutTerminatorOddSizesLongNamesAndPaths) {
     auto targets = Post(*ev, 6);
     ASSERT_EQ(1u, targets.size());
     EXPECT_EQ(510u, targets[0].size());  // the last four bytes of the field are zeroed
-    std::unique_ptr<Event> odd(Event::Registry(6, kKey, &name, REG_SZ, data.data(), 7));
-    EXPECT_LE(Post(*odd, 6).size(), 1u);
-    std::unique_ptr<Event> multi(Event::Registry(6, kKey, &name, REG_MULTI_SZ, data.data(), 1024));
-    EXPECT_LE(Post(*multi, 14).size(), 1u);
+    EXPECT_LE(PostValue(6, kKey, name.c_str(), REG_SZ, data, 6, 7).size(), 1u);
+    EXPECT_LE(PostValue(6, kKey, name.c_str(), REG_MULTI_SZ, data, 14, 1024).size(), 1u);
 }

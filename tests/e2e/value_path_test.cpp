@@ -1,6 +1,6 @@
-// Run-key style registrations from a host registry event to the targets the
-// host receives: FunctionIDs 5 (and the rule checks of its keys and value
-// names), 20, 19, 14 and 1.
+// Run-key style registrations and the open commands of file classes, from a
+// host registry event to the targets the host receives: FunctionIDs 5 (and the
+// rule checks of its keys and value names), 20, 19, 14, 1 and 15.
 #include "e2e_support.h"
 #include "support/saved_reg_value.h"
 
@@ -36,6 +36,9 @@ TEST(ValuePath, HostEventToTargets) {
     const std::wstring appRoot = L"C:\\Program Files\\kwtest-run-" + std::to_wstring(GetCurrentProcessId()),
                        app = appRoot + L"\\Some App\\app.exe";
     ASSERT_TRUE(kwtest::MakeFile(app));
+    // A file class's open command, under the user's or the machine's classes and elsewhere.
+    const std::wstring cls = L"kwtestfile-" + std::to_wstring(GetCurrentProcessId()), shellOpen = cls + L"\\shell\\open\\command";
+    const std::wstring userClasses = L"HKEY_USERS\\" + kwtest::CurrentUserSid() + L"_Classes\\", open = L"\"" + exe + L"\" \"%1\"";
     const std::wstring pattern = L"HKEY_USERS\\S-1-5-21-9-9-9-1001\\Software\\kwtest\\Vendor\\",
                        def = L"HKEY_LOCAL_MACHINE\\SOFTWARE\\kwtest\\Def", other = L"HKEY_LOCAL_MACHINE\\SOFTWARE\\kwtest-none";
     // A value write (REG_SZ unless given; the data size claimed when not 0) and its targets, in any case and order.
@@ -70,6 +73,14 @@ TEST(ValuePath, HostEventToTargets) {
         {"14: one added", prevKey, L"One", a + L'\0' + x + L'\0', 14, {x}, REG_MULTI_SZ},
         {"14: case differs: not new", prevKey, L"Upper", a + L'\0', 14, {}, REG_MULTI_SZ},
         {"14: list without its final NULs", other, L"List", y, 14, {y}, REG_MULTI_SZ, static_cast<uint32_t>(y.size() * 2)},
+        {"15: user's classes, default value", userClasses + shellOpen, L"", open, 15, {exe}},
+        {"15: kernel path of the machine's classes", L"\\REGISTRY\\MACHINE\\SOFTWARE\\Classes\\" + shellOpen, L"default_null", open, 15,
+         {exe}},
+        {"15: machine classes", L"HKEY_LOCAL_MACHINE\\SOFTWARE\\Classes\\" + cls + L"\\Shell\\Open\\Command", L"", open, 15, {exe}},
+        {"15: named value", userClasses + shellOpen, L"x", open, 15, {}},
+        {"15: not an open command", L"HKEY_LOCAL_MACHINE\\SOFTWARE\\Classes\\" + cls + L"\\DefaultIcon", L"", open, 15, {}},
+        {"15: outside the classes", L"HKEY_LOCAL_MACHINE\\SOFTWARE\\" + shellOpen, L"", open, 15, {}},
+        {"15: current user root", L"HKEY_CURRENT_USER\\Software\\Classes\\" + shellOpen, L"", open, 15, {}},
     };
     for (const auto& r : rows) {
         SCOPED_TRACE(r.name);
