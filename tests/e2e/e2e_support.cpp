@@ -21,7 +21,6 @@ const char* const kRules = R"({"RegParseConfig":[
  {"ParseID":32,"FunctionID":13,"CheckID":1,"RegRootkey":2147483650,"RegSubkey":"SYSTEM\\CurrentControlSet\\Control\\Session Manager","RegValueName":"BootExecute"},
  {"ParseID":33,"FunctionID":21,"CheckID":1,"RegRootkey":2147483650,"RegSubkey":"SYSTEM\\CurrentControlSet\\Control\\Session Manager\\KnownDlls"},
  {"ParseID":23,"FunctionID":5,"CheckID":1,"RegRootkey":2147483650,"RegSubkey":"SOFTWARE\\X","RegValueName":"wanted"},
- {"ParseID":30,"FunctionID":12,"CheckID":0},
  {"ParseID":15,"FunctionID":15,"CheckID":0},
  {"ParseID":202,"FunctionID":2,"CheckID":0,"Parameter1":"SOFTWARE\\kwtest-comp"},
  {"ParseID":203,"FunctionID":3,"CheckID":0,"Parameter1":"Startup"},

@@ -27,7 +27,6 @@ TEST(Refusal, OperationsModesTypesAndRules) {
         {"REG_DWORD value write", 6, 2, 6, REG_DWORD, kKey, L"co.GetParseRule Success,6"},
         {"unknown ParseID", 6, 2, 999, REG_SZ, kKey, L"[ERROR][CKwAutoRunImpl::AnalyzeFiles] co.GetParseRule Fail,"},
         {"key created under a value-write analyzer", 1, 2, 6, 0, kKey, L"Start AnalyzRegvalueAsFilePath FunctionID=5"},
-        {"service value neither ImagePath nor ServiceDll", 6, 2, 30, REG_SZ, kKey, L"[CAnalizyOperate::AnalyzServece] 注册表ValueName无效。"},
         {"unknown root key", 6, 2, 6, REG_SZ, L"HKEY_NOWHERE\\x", L"TransformRegPath Fail"},
     };
     for (const auto& r : rows) {

@@ -30,8 +30,8 @@ std::wstring Multi(const std::vector<std::wstring>& strings) {
 
 TEST(Service, ImagesDllsAndDriversFromTheServiceKey) {
     const std::wstring stem = L"kwsvc" + kPid, svc = L"HKEY_LOCAL_MACHINE\\SYSTEM\\" + kCs + L"\\Services\\" + stem;
-    const std::wstring drivers = kwtest::WindowsDir() + L"\\Sysnative\\drivers\\";
-    const std::wstring driver = kwtest::WindowsDir() + L"\\system32\\drivers\\" + stem + L".sys";
+    const std::wstring drivers = kwtest::WindowsDir() + L"\\Sysnative\\drivers\\", sys32 = kwtest::WindowsDir() + L"\\system32\\";
+    const std::wstring driver = sys32 + L"drivers\\" + stem + L".sys", joined = sys32 + L"drivers\\" + stem + L"Parameters.sys";
     ASSERT_TRUE(kwtest::MakeFile(drivers + stem + L".sys") && kwtest::MakeFile(drivers + stem + L"Parameters.sys"));
     kwtest::TempDir dir;
     const std::wstring img = dir.File(L"img.sys"), dll = dir.File(L"svc.dll"), repaired = dir.File(L"repair.dll"),
@@ -50,13 +50,11 @@ TEST(Service, ImagesDllsAndDriversFromTheServiceKey) {
         {"boot form", 6, svc, L"ImagePath", L"\\SystemRoot\\System32\\drivers\\" + stem + L".sys", 31, driver},
         {"relative system32 form", 6, svc, L"ImagePath", L"system32\\DRIVERS\\" + stem + L".sys", 31, driver},
         {"object-manager form", 6, svc, L"ImagePath", L"\\??\\" + img, 31, img},
-        {"svchost group", 6, svc, L"ImagePath", L"%SystemRoot%\\system32\\svchost.exe -k netsvcs -p", 31,
-         kwtest::WindowsDir() + L"\\system32\\svchost.exe"},
+        {"svchost group", 6, svc, L"ImagePath", L"%SystemRoot%\\system32\\svchost.exe -k netsvcs -p", 31, sys32 + L"svchost.exe"},
         {"unquoted Program Files image with argument", 6, svc, L"imagepath", exe + L" /run", 31, exe},
         {"empty ImagePath: the driver of that name", 6, svc, L"ImagePath", L"", 31, driver},
         {"new key: the driver of that name", 1, svc, nullptr, L"", 31, driver},
-        {"new key below the service: names joined", 1, svc + L"\\Parameters", nullptr, L"", 31,
-         kwtest::WindowsDir() + L"\\system32\\drivers\\" + stem + L"Parameters.sys"},
+        {"new key below the service: names joined", 1, svc + L"\\Parameters", nullptr, L"", 31, joined},
         {"new key, no such driver", 1, svc + L"x", nullptr, L"", 31, L""},
         {"ServiceDll under Parameters", 6, svc + L"\\Parameters", L"ServiceDll", dll, 31, dll},
         {"ServiceDll under the service key", 6, svc, L"ServiceDll", dll, 31, L""},

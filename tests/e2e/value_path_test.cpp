@@ -17,7 +17,7 @@ TEST(ValuePath, HostEventToTargets) {
     kwtest::TempDir dir;
     const std::wstring exe = dir.File(L"v.exe"), a = dir.File(L"a.exe"), b = dir.File(L"b.exe"),
                        x = dir.File(L"x.dll"), y = dir.File(L"y.dll");
-    const std::wstring viaTemp = L"%TEMP%" + exe.substr(kwtest::EnvText(L"TEMP").size());
+    const std::wstring viaTemp = L"%TEMP%" + exe.substr(kwtest::EnvText(L"TEMP").size()), win = kwtest::WindowsDir();
     const std::wstring pf = kwtest::EnvText(kwtest::EnvText(L"ProgramW6432").empty() ? L"ProgramFiles" : L"ProgramW6432");
     // Previous data in the registry (64-bit view, where a native key lives):
     // only pieces added to it are reported.
@@ -30,8 +30,7 @@ TEST(ValuePath, HostEventToTargets) {
     ASSERT_TRUE(kwtest::RegSetMulti(HKEY_LOCAL_MACHINE, prev.Path(), L"Both", {a, b}) &&
                 kwtest::RegSetMulti(HKEY_LOCAL_MACHINE, prev.Path(), L"One", {a}) &&
                 kwtest::RegSetMulti(HKEY_LOCAL_MACHINE, prev.Path(), L"Upper", {kwtest::Upper(a)}));
-    std::wstring starred = x;  // the old piece spelt with '*' for '.': still the same piece
-    starred.replace(starred.rfind(L'.'), 1, L"*");
+    const std::wstring starred = x.substr(0, x.size() - 4) + L"*dll";  // the old piece with '*' for '.': still the same piece
     // A program in a folder under C:\Program Files, with a space in its path.
     const std::wstring appRoot = L"C:\\Program Files\\kwtest-run-" + std::to_wstring(GetCurrentProcessId()),
                        app = appRoot + L"\\Some App\\app.exe";
@@ -60,10 +59,8 @@ TEST(ValuePath, HostEventToTargets) {
         {"5, rule value name: another name", L"HKEY_LOCAL_MACHINE\\Elsewhere", L"other", exe, 23, {}},
         {"5, rule on the default value: empty name", def, L"", exe, 25, {exe}},
         {"5, rule on the default value: a named value", def, L"named", exe, 25, {}},
-        {"14: expansion shorter than the text", other, L"List", L"%SystemRoot%\\kw.exe", 14,
-         {kwtest::WindowsDir() + L"\\kw.exe"}, REG_EXPAND_SZ},
-        {"14: expansion longer than the text", other, L"List", L"%ProgramFiles%\\kw.exe", 14,
-         {pf + L"\\kw.exe"}, REG_EXPAND_SZ},
+        {"14: expansion shorter than the text", other, L"List", L"%SystemRoot%\\kw.exe", 14, {win + L"\\kw.exe"}, REG_EXPAND_SZ},
+        {"14: expansion longer than the text", other, L"List", L"%ProgramFiles%\\kw.exe", 14, {pf + L"\\kw.exe"}, REG_EXPAND_SZ},
         {"1: only the piece added to Userinit", L"HKEY_LOCAL_MACHINE\\" + winlogon, L"Userinit",
          L"C:\\Windows\\system32\\userinit.exe," + exe + L",", 2, {exe}},
         {"1: AppInit pieces with '*' for '.' are not new", prevKey, L"AppInit_DLLs", starred + L"," + y, 1, {y}},
