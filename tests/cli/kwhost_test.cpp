@@ -43,12 +43,11 @@ struct Kwhost {
         CloseHandle(si.hStdOutput);
         CloseHandle(si.hStdError);
     }
-    int Wait(DWORD ms = 120000) {
+    int Wait() {  // the exit code; 99 when it had to be stopped after two minutes
         if (!pi.hProcess) return -1;
-        if (WaitForSingleObject(pi.hProcess, ms) != WAIT_OBJECT_0) TerminateProcess(pi.hProcess, 99);
+        if (WaitForSingleObject(pi.hProcess, 120000) != WAIT_OBJECT_0) TerminateProcess(pi.hProcess, 99);
         DWORD rc = 0;
-        GetExitCodeProcess(pi.hProcess, &rc);
-        return static_cast<int>(rc);
+        return GetExitCodeProcess(pi.hProcess, &rc) ? static_cast<int>(rc) : -1;
     }
     ~Kwhost() {
         if (!pi.hProcess) return;

@@ -47,8 +47,7 @@ TEST(FileEvent, AutorunAndShortcutFilesYieldTheirPrograms) {
     kwtest::TempDir dir;
     const std::wstring a = dir.File(L"a.exe"), b = dir.File(L"b.exe"), c = dir.File(L"c.exe");
     // A relative command resolves against the root of the autorun file's drive.
-    const std::wstring rootDir = L"kwtest-root-" + std::to_wstring(GetCurrentProcessId());
-    const std::wstring rel = L"C:\\" + rootDir + L"\\rel.exe";
+    const std::wstring rootDir = L"kwtest-root-" + std::to_wstring(GetCurrentProcessId()), rel = L"C:\\" + rootDir + L"\\rel.exe";
     ASSERT_TRUE(kwtest::MakeFile(rel));
     const std::string autorun = "[AutoRun]\r\nopen=" + N(a) + "\r\nOPEN=" + N(a) + "\r\nShellExecute=" + N(b) +
                                 "\r\nshell\\install\\command=" + N(rootDir) + "\\rel.exe\r\nshell\\x=" + N(c) +

@@ -53,8 +53,9 @@ TEST(Refusal, NoRegistryRequestTargetOrAnalysisId) {
     std::unique_ptr<Event> reg(Event::RegistrySz(kKey, L"v", kExe));
     hostsim::RuleEngine::SetThreadTarget(nullptr);
     Host().Plugin()->PostProcessEvent(reg.get(), &Host().Engine());
-    for (const wchar_t* line : {L"GetTarget error: ruleEng=", L"GetAnalyzeId fail pTarget=nullptr", L"Scan Mode Error,nAnalyzeMode=0 Parseid=0"})
-        EXPECT_TRUE(Traced(line)) << line;
+    EXPECT_TRUE(Traced(L"GetTarget error: ruleEng="));
+    EXPECT_TRUE(Traced(L"GetAnalyzeId fail pTarget=nullptr"));
+    EXPECT_TRUE(Traced(L"Scan Mode Error,nAnalyzeMode=0 Parseid=0"));
     // The target's property getter fails.
     Target target(0x20005, 0x80004005);
     Host().PostRegistry(*reg, 0, &target);
@@ -65,9 +66,7 @@ TEST(Refusal, NoRegistryRequestTargetOrAnalysisId) {
 TEST(BadInput, FullDataWithoutTerminatorOddSizesLongNamesAndPaths) {
     // 1,024 bytes of text with no NUL, an odd size, a 1,021-character value
     // name and a 2,000-character key path: cut, never overrun.
-    std::wstring data(512, L'a');
-    std::wstring name(1021, L'n');
-    std::wstring key = L"HKEY_LOCAL_MACHINE\\SOFTWARE\\" + std::wstring(2000, L'k');
+    const std::wstring data(512, L'a'), name(1021, L'n'), key = L"HKEY_LOCAL_MACHINE\\SOFTWARE\\" + std::wstring(2000, L'k');
     std::unique_ptr<Event> ev(Event::Registry(6, key, &name, REG_SZ, data.data(), 1024, GetCurrentProcessId(),
                                               /*inlineStrings=*/false));
     auto targets = Post(*ev, 6);

@@ -75,7 +75,6 @@ TEST(Service, ImagesDllsAndDriversFromTheServiceKey) {
     for (const wchar_t* file : {L".sys", L"Parameters.sys"}) DeleteFileW((drivers + stem + file).c_str());
     kwtest::RemoveTree(L"C:\\Program Files\\kwtest-" + kPid);
 
-    Host().Engine().ClearLines();
     std::unique_ptr<Event> ev(Event::RegistrySz(svc, L"Description", img));
     EXPECT_TRUE(Post(*ev, 31).empty());
     EXPECT_TRUE(Host().Engine().HasLine(L"[CAnalizyOperate::AnalyzServece] 注册表ValueName无效。ValueName必须是ImagePath或ServiceDll"));

@@ -93,8 +93,7 @@ TEST(ValuePath, HostEventToTargets) {
 TEST(RunKey, RemotePathIsReportedUntouched) {
     // A folder named like a program, on a share that only a file test would see:
     // the folder test of the push would drop it.
-    const std::wstring host = L"kwe2e" + std::to_wstring(GetCurrentProcessId());
-    const std::wstring folder = kwtest::WineUncHostFolder(host);
+    const std::wstring host = L"kwe2e" + std::to_wstring(GetCurrentProcessId()), folder = kwtest::WineUncHostFolder(host);
     if (folder.empty() || !kwtest::MakeFile(folder + L"\\share\\other.txt") ||
         !CreateDirectoryW((folder + L"\\share\\dir.exe").c_str(), nullptr))
         GTEST_SKIP() << "no folder behind a UNC host here";
