@@ -74,9 +74,9 @@ struct Planted {
     kwtest::TempRegKey base{HKEY_LOCAL_MACHINE, L"SOFTWARE"};
     kwtest::TempDir dir;
     const std::wstring key = base.Path() + L"\\Run";
-    const std::wstring rules = dir.File(L"rules.json", "{\"RegParseConfig\": [{\"ParseID\": 301, \"FunctionID\": 5, "
-                                                       "\"CheckID\": 1, \"RegRootkey\": 2147483650, \"RegSubkey\": \"" +
-                                                           Json(key) + "\"}, {\"ParseID\": 302, \"FunctionID\": 5}]}");
+    const std::wstring rules = dir.File(L"rules.json", R"({"RegParseConfig": [{"ParseID": 301, "FunctionID": 5, "CheckID": 1, )"
+                                                       R"("RegRootkey": 2147483650, "RegSubkey": ")" + Json(key) +
+                                                       R"("}, {"ParseID": 302, "FunctionID": 5}]})");
     void Set(const std::wstring& name, const std::wstring& data) { kwtest::RegSetSz(HKEY_LOCAL_MACHINE, key, name, data); }
 };
 

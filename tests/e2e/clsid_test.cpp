@@ -28,9 +28,6 @@ std::wstring Outcome() {
 
 enum { USER = 1, MACHINE = 2, USER32 = 4, MACHINE32 = 8 };  // where the class is registered
 
-// No value name: the key is added. The outcome as Outcome() gives it, and a trace line the host must have received.
-struct ClsidRow { const char* name; int parseId, registered; const wchar_t *key, *valueName, *data, *outcome, *line; };
-
 }  // namespace
 
 TEST(Clsid, FromHostEventToServers) {
@@ -43,7 +40,8 @@ TEST(Clsid, FromHostEventToServers) {
     const wchar_t *bho = L"HKEY_LOCAL_MACHINE\\SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\Explorer\\Browser Helper Objects\\<c>",
                   *any = L"HKEY_LOCAL_MACHINE\\SOFTWARE\\kwtest\\Handlers", *cr = L"HKEY_CLASSES_ROOT\\CLSID\\<c>",
                   *err = L"[ERROR][CAnalizyOperate::AnalyzKeyOrDefValueAsCLSID] ";
-    const ClsidRow rows[] = {
+    // No value name: the key is added. The outcome as Outcome() gives it, and a trace line the host must have received.
+    const struct { const char* name; int parseId, registered; const wchar_t *key, *valueName, *data, *outcome, *line; } rows[] = {
         {"10: handler key, user server first", 110, USER | MACHINE, L"HKEY_LOCAL_MACHINE\\SOFTWARE\\Classes\\*\\shellex\\ContextMenuHandlers\\<c>",
          nullptr, L"", L"<u>;<m>;||ret:0", nullptr},
         {"11: native helper object, then a 32-bit location", 111, MACHINE, bho, nullptr, L"", L"<m>;;||ret:0", nullptr},
@@ -69,7 +67,7 @@ TEST(Clsid, FromHostEventToServers) {
         {USER32, HKEY_USERS, sid + L"\\Software\\Classes\\Wow6432Node\\CLSID\\", L"InprocServer32", bare},
         {MACHINE32, HKEY_LOCAL_MACHINE, L"Software\\Classes\\Wow6432Node\\CLSID\\", L"InprocServer32", bare},
     };
-    for (const ClsidRow& r : rows) {
+    for (const auto& r : rows) {
         SCOPED_TRACE(r.name);
         const std::wstring c = kwtest::FreshClsid();
         std::wstring text[] = {r.key, r.valueName ? r.valueName : L"", r.data, r.outcome, r.line ? r.line : L""};

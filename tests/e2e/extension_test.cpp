@@ -12,11 +12,6 @@ namespace {
 const uint32_t kNoSid = 0xFFFFFFF3;  // no such process: the analysis runs without a user SID
 const int kAnyRet = -1;              // the result code is another analyzer's
 
-// A key created (op 1) or a value set (op 6) by process `pid` (0: this one), the targets, the result code and a
-// fragment some trace line must hold.
-struct Row { const char* name; uint32_t parseId, op; std::wstring key, value, data; std::vector<std::wstring> targets; int ret;
-             std::wstring trace; uint32_t pid; };
-
 }  // namespace
 
 TEST(Extensions, HostEventToTargets) {
@@ -34,7 +29,7 @@ TEST(Extensions, HostEventToTargets) {
     set(L"Scripts\\Startup\\0", pol, L"FileSysPath");
     set(L"Scripts\\Startup\\1", L"", L"FileSysPath");
     const std::wstring solo = dir.File(L"solo.cmd"), open = dir.File(L"open.exe"), edit = dir.File(L"edit.exe"),
-                       lng = dir.File(L"long.exe"), menu = dir.File(L"menu.dll"), exe = dir.File(L"tool.exe");
+                       lng = dir.File(L"long.exe"), menu = dir.File(L"menu.dll"), exe = dir.File(L"tool.exe"), comp = dir.File(L"comp.dll");
     set(L"cls\\shell\\open\\command", L"\"" + open + L"\" \"%1\"");
     set(L"cls\\shell\\Edit\\command", edit);
     kwtest::RegSetDword(HKEY_LOCAL_MACHINE, base.Path() + L"\\cls\\shell\\num\\command", L"", 1);
@@ -45,14 +40,16 @@ TEST(Extensions, HostEventToTargets) {
     }
     const std::wstring clsid = kwtest::FreshClsid();
     kwtest::ClassRegistration component(HKEY_LOCAL_MACHINE, L"Software\\Classes\\CLSID\\" + clsid, KEY_WOW64_64KEY);
-    const std::wstring comp = dir.File(L"comp.dll");
     component.SetServer(L"InprocServer32", comp);
     const std::wstring comps = L"HKEY_LOCAL_MACHINE\\SOFTWARE\\kwtest-comp\\", cls = m + L"cls\\shell";
     const std::wstring ext = L"\\Software\\Microsoft\\Internet Explorer\\MenuExt\\&Send", user = L"HKEY_USERS\\";
     const std::wstring mine = user + kwtest::CurrentUserSid() + ext;
     const std::wstring pad = L"HKEY_LOCAL_MACHINE\\SOFTWARE\\" + std::wstring(239, L'k');  // "Startup" at 249
 
-    const Row rows[] = {
+    // A key created (op 1) or a value set (op 6) by process `pid` (0: this one), the targets, the result code and a
+    // fragment some trace line must hold.
+    const struct { const char* name; uint32_t parseId, op; std::wstring key, value, data; std::vector<std::wstring> targets; int ret;
+                   std::wstring trace; uint32_t pid; } rows[] = {
         {"policy folder: one file per script key", 203, 6, m + L"Scripts\\Startup\\0", L"FileSysPath", pol, {s[0], s[1], s[2]}, 0},
         {"script of a policy with a folder", 203, 6, m + L"Scripts\\Startup\\0\\1", L"script", L"s1", {s[1]}, 0},
         {"script of a policy without folder", 203, 6, m + L"Scripts\\Startup\\1\\0", L"Script", solo, {solo}, 0},
@@ -78,7 +75,7 @@ TEST(Extensions, HostEventToTargets) {
         {"toolbar class", 222, 6, m, L"CLSID", L"{00000000-6B77-7465-7374-000000000022}", {}, kAnyRet,
          L"Start AnalyzRegValueAsCLSID FunctionID=4"},
     };
-    for (const Row& r : rows) {
+    for (const auto& r : rows) {
         SCOPED_TRACE(r.name);
         Host().Engine().ClearLines();
         EXPECT_EQ(Targets(r.targets), PostValue(r.op, r.key, r.op == 6 ? r.value.c_str() : nullptr, REG_SZ, r.data, r.parseId, 0, r.pid));

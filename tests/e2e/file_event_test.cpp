@@ -38,9 +38,6 @@ void MakeShortcut(const std::wstring& lnk, const std::wstring& target) {
     link->Release();
 }
 
-// The event's paths (written, renamed to) and the targets, upper-cased, in order.
-struct FileCase { const char* name; uint32_t operation; std::wstring written, renamedTo; std::vector<std::wstring> targets; };
-
 }  // namespace
 
 TEST(FileEvent, AutorunAndShortcutFilesYieldTheirPrograms) {
@@ -59,7 +56,8 @@ TEST(FileEvent, AutorunAndShortcutFilesYieldTheirPrograms) {
     const std::wstring longLnk = dir.Path() + L"\\" + std::wstring(300 - dir.Path().size() - 5, L'l') + L".lnk";
     const std::vector<std::wstring> all = Targets({a, b, rel});
 
-    const FileCase cases[] = {
+    // The event's paths (written, renamed to) and the targets, upper-cased, in order.
+    const struct { const char* name; uint32_t operation; std::wstring written, renamedTo; std::vector<std::wstring> targets; } cases[] = {
         {"autorun file: each program once, relative one at the drive root", 1, inf, L"", all},
         {"upper-case extension", 1, upperInf, L"", {kwtest::Upper(b)}},
         {"another extension after .inf", 1, dir.File(L"a.inf.txt", autorun), L"", {}},
