@@ -12,9 +12,8 @@ using namespace kw;
 
 namespace {
 
-std::unique_ptr<ANALYZE_ITEM> MakeItem(uint32_t dsid, uint32_t op, const std::wstring& subkey,
-                                       const std::wstring& valueName, const std::wstring& data,
-                                       uint32_t type = REG_SZ) {
+std::unique_ptr<ANALYZE_ITEM> MakeItem(uint32_t dsid, uint32_t op, const std::wstring& subkey, const std::wstring& valueName,
+                                       const std::wstring& data, uint32_t type = REG_SZ) {
     std::unique_ptr<ANALYZE_ITEM> item(new ANALYZE_ITEM{kAnalyzeItemSize, dsid, op, KW_HKEY_LOCAL_MACHINE});
     CopyBounded(item->szSubkey, kSubkeyChars, subkey.c_str());
     CopyBounded(item->szValuename, kValueNameChars, valueName.c_str());
@@ -63,18 +62,17 @@ TEST_F(AnalyzItemTest, RecordRefusals) {
         {"key path does not match the rule", kAnalyzeItemSize, 16, REG_SZ, {9, 5, 2, 0, KW_HKEY_LOCAL_MACHINE, L"SOFTWARE\\*\\y"},
          L"[ERROR][CAnalizyOperate::AnalyzItem] RegPathMatch Fail"},
     };
+    std::set<std::wstring> out;  // stays empty
     for (const auto& r : rows) {
         SCOPED_TRACE(r.name);
         log.sink.Clear();
         CAnalizyOperate op;
-        std::set<std::wstring> out;
         auto item = MakeItem(9, r.op, L"SOFTWARE\\x\\y", L"v", L"C:\\a.exe", r.type);
         item->dwSize = r.size;
         EXPECT_EQ(3u, op.AnalyzItem(item.get(), out, r.rule));
         EXPECT_TRUE(out.empty());
         EXPECT_TRUE(r.line ? log.sink.Has(r.line) : log.sink.Lines().empty());
     }
-    std::set<std::wstring> out;
     EXPECT_EQ(3u, CAnalizyOperate().AnalyzItem(nullptr, out, RegRule{9, 5}));
 }
 
@@ -125,8 +123,7 @@ TEST_F(AnalyzItemTest, DispatchCodes) {
     EXPECT_TRUE(log.sink.Lines().empty());
     for (int id : {1, 2, 3}) {
         EXPECT_EQ(1u, op.HandOutRegParse(item.get(), RegRule{9, id}));
-        EXPECT_TRUE(log.sink.Has(L"[ERROR][CAnalizyOperate::HandOutRegParse] FunctionId=" + std::to_wstring(id) +
-                             L" Invalid parameter"));
+        EXPECT_TRUE(log.sink.Has(L"[ERROR][CAnalizyOperate::HandOutRegParse] FunctionId=" + std::to_wstring(id) + L" Invalid parameter"));
     }
     // Every other id reaches an analyzer, which writes its start line.
     for (int id = 4; id <= 22; ++id) {

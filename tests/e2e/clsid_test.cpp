@@ -33,8 +33,7 @@ enum { USER = 1, MACHINE = 2, USER32 = 4, MACHINE32 = 8 };  // where the class i
 TEST(Clsid, FromHostEventToServers) {
     kwtest::TempDir dir;
     // The 32-bit server is a bare name found only in the 32-bit system folder.
-    const std::wstring u = dir.File(L"u.dll"), m = dir.File(L"m.exe");
-    const std::wstring bare = L"kwclsid" + std::to_wstring(GetCurrentProcessId()) + L".dll";
+    const std::wstring u = dir.File(L"u.dll"), m = dir.File(L"m.exe"), bare = L"kwclsid" + std::to_wstring(GetCurrentProcessId()) + L".dll";
     const std::wstring w = kwtest::WindowsDir() + L"\\syswow64\\" + bare, sid = kwtest::CurrentUserSid();
     ASSERT_TRUE(kwtest::MakeFile(w));
     const wchar_t *bho = L"HKEY_LOCAL_MACHINE\\SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\Explorer\\Browser Helper Objects\\<c>",
