@@ -49,8 +49,7 @@ TEST(FileEvent, AutorunAndShortcutFilesYieldTheirPrograms) {
     const std::string autorun = "[AutoRun]\r\nopen=" + N(a) + "\r\nOPEN=" + N(a) + "\r\nShellExecute=" + N(b) +
                                 "\r\nshell\\install\\command=" + N(rootDir) + "\\rel.exe\r\nshell\\x=" + N(c) +
                                 "\r\n[AutoRun.alpha]\r\nOpen=" + N(a) + "\r\n";
-    const std::wstring inf = dir.File(L"autorun.inf", autorun);
-    const std::wstring upperInf = dir.File(L"SETUP.INF", "[autorun]\r\nopen=" + N(b) + "\r\n");
+    const std::wstring inf = dir.File(L"autorun.inf", autorun), upperInf = dir.File(L"SETUP.INF", "[autorun]\r\nopen=" + N(b) + "\r\n");
     const std::wstring lnk = dir.Path() + L"\\Start.LNK";
     MakeShortcut(lnk, c);
     const std::wstring longLnk = dir.Path() + L"\\" + std::wstring(300 - dir.Path().size() - 5, L'l') + L".lnk";

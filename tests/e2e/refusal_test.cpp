@@ -11,8 +11,7 @@ using hostsim::Event;
 using hostsim::Target;
 
 namespace {
-const std::wstring kKey = L"HKEY_LOCAL_MACHINE\\SOFTWARE\\kwtest\\Refusals";
-const std::wstring kExe = L"C:\\windows\\system32\\kwtest-refused.exe";
+const std::wstring kKey = L"HKEY_LOCAL_MACHINE\\SOFTWARE\\kwtest\\Refusals", kExe = L"C:\\windows\\system32\\kwtest-refused.exe";
 bool Traced(const std::wstring& fragment) { return Host().Engine().HasLine(fragment); }
 }  // namespace
 
