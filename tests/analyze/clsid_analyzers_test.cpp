@@ -12,16 +12,11 @@ using namespace kw;
 TEST(ClsidAnalyzers, SecondPassGivesTheViewFlagsBack) {
     for (int function : {9, 11}) {
         SCOPED_TRACE(function);
-        ANALYZE_ITEM item = {};
-        item.dwSize = kAnalyzeItemSize;
-        item.dwOperate = REGMONMODE_OPERATE_ADDKEY;
-        item.hRootkey = KW_HKEY_LOCAL_MACHINE;
+        ANALYZE_ITEM item = {kAnalyzeItemSize, 0, REGMONMODE_OPERATE_ADDKEY, KW_HKEY_LOCAL_MACHINE};
         CopyBounded(item.szSubkey, kSubkeyChars, (L"SOFTWARE\\kwtest\\" + kwtest::FreshClsid()).c_str());
-        RegRule rule;
-        rule.FunctionID = function;
         CAnalizyOperate op;
         std::set<std::wstring> out;
-        EXPECT_EQ(0u, op.AnalyzItem(&item, out, rule));
+        EXPECT_EQ(0u, op.AnalyzItem(&item, out, RegRule{9, function}));
         EXPECT_EQ(std::make_tuple(1, 2, 0), std::make_tuple(op.bNativeView, op.bWow64Parse, op.bWow64Expand));
     }
 }

@@ -14,9 +14,7 @@ namespace {
 
 // The entries' paths (commands that name no file are reported as written).
 std::vector<std::wstring> Analyse(const std::wstring& ini) {
-    std::unique_ptr<ANALYZE_ITEM> item(new ANALYZE_ITEM());
-    memset(item.get(), 0, sizeof(ANALYZE_ITEM));
-    item->dwSize = kAnalyzeItemSize;
+    std::unique_ptr<ANALYZE_ITEM> item(new ANALYZE_ITEM{kAnalyzeItemSize});
     CopyBounded(item->szSubkey, kSubkeyChars, ini.c_str());
     CAnalizyOperate op;
     std::set<std::wstring> found;
@@ -42,8 +40,7 @@ TEST(DiskAutorun, SectionLines) {
          "[autorun]\r\nicon=i.exe\r\nxopen=a.exe\r\nOpen=a.exe\r\nSHELLEXECUTE=b.exe\r\nshell\\x=n.exe\r\n"
          "shell\\x\\command=c.exe\r\ncommand=shell\\d.exe\r\nopen=\r\n",
          {L"a.exe", L"b.exe", L"c.exe"}},
-        {"same command in both sections", "[AutoRun.alpha]\r\nopen=a.exe\r\n[AUTORUN]\r\nopen=a.exe\r\n",
-         {L"a.exe", L"a.exe"}},
+        {"same command in both sections", "[AutoRun.alpha]\r\nopen=a.exe\r\n[AUTORUN]\r\nopen=a.exe\r\n", {L"a.exe", L"a.exe"}},
         {"other section", "[autorun.x]\r\nopen=a.exe\r\n", {}},
         {"line of 1,022 characters", "[autorun]\r\nopen=" + cmd.substr(0, 1017) + "\r\n", {std::wstring(1017, L'c')}},
         {"line of 1,023 characters", "[autorun]\r\nopen=" + cmd.substr(0, 1018) + "\r\n", {std::wstring(1018, L'c')}},

@@ -7,7 +7,6 @@
 #include <gtest/gtest.h>
 
 #include <memory>
-#include <set>
 
 using namespace e2e;
 using kwtest::ClassRegistration;
@@ -27,34 +26,21 @@ std::wstring Outcome() {
     return found;
 }
 
-std::vector<std::wstring> PostKey(const std::wstring& key, uint32_t parseId) {
-    std::unique_ptr<hostsim::Event> ev(hostsim::Event::Registry(1, key));
-    return Post(*ev, parseId);
-}
-
 enum { USER = 1, MACHINE = 2, USER32 = 4, MACHINE32 = 8 };  // where the class is registered
-
-struct ClsidRow {
-    const char* name;
-    int parseId, registered;
-    const wchar_t *key, *valueName, *data;  // no value name: the key is added
-    const wchar_t* outcome;
-    const wchar_t* line;  // a trace line the host must have received, or null
-};
 
 }  // namespace
 
 TEST(Clsid, FromHostEventToServers) {
     kwtest::TempDir dir;
     // The 32-bit server is a bare name found only in the 32-bit system folder.
-    const std::wstring u = dir.File(L"u.dll"), m = dir.File(L"m.exe");
-    const std::wstring bare = L"kwclsid" + std::to_wstring(GetCurrentProcessId()) + L".dll";
+    const std::wstring u = dir.File(L"u.dll"), m = dir.File(L"m.exe"), bare = L"kwclsid" + std::to_wstring(GetCurrentProcessId()) + L".dll";
     const std::wstring w = kwtest::WindowsDir() + L"\\syswow64\\" + bare, sid = kwtest::CurrentUserSid();
     ASSERT_TRUE(kwtest::MakeFile(w));
     const wchar_t *bho = L"HKEY_LOCAL_MACHINE\\SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\Explorer\\Browser Helper Objects\\<c>",
                   *any = L"HKEY_LOCAL_MACHINE\\SOFTWARE\\kwtest\\Handlers", *cr = L"HKEY_CLASSES_ROOT\\CLSID\\<c>",
                   *err = L"[ERROR][CAnalizyOperate::AnalyzKeyOrDefValueAsCLSID] ";
-    const ClsidRow rows[] = {
+    // No value name: the key is added. The outcome as Outcome() gives it, and a trace line the host must have received.
+    const struct { const char* name; int parseId, registered; const wchar_t *key, *valueName, *data, *outcome, *line; } rows[] = {
         {"10: handler key, user server first", 110, USER | MACHINE, L"HKEY_LOCAL_MACHINE\\SOFTWARE\\Classes\\*\\shellex\\ContextMenuHandlers\\<c>",
          nullptr, L"", L"<u>;<m>;||ret:0", nullptr},
         {"11: native helper object, then a 32-bit location", 111, MACHINE, bho, nullptr, L"", L"<m>;;||ret:0", nullptr},
@@ -74,17 +60,13 @@ TEST(Clsid, FromHostEventToServers) {
         {"8: named value", 108, MACHINE, any, L"x", L"<c>", L"||ret:3", L"<err>pAnalizy->szValuename err:x"},
         {"8: key name not a class", 108, MACHINE, L"HKEY_CLASSES_ROOT\\CLSID\\<cx>", nullptr, L"", L"||ret:4", L"<err>szCLSID err:"},
     };
-    const struct Place {
-        int bit;
-        HKEY root;
-        std::wstring path;
-        const wchar_t* serverKey;
-        std::wstring server;
-    } places[] = {{USER, HKEY_USERS, sid + L"\\Software\\Classes\\CLSID\\", L"InprocServer32", u},
-                  {MACHINE, HKEY_LOCAL_MACHINE, L"Software\\Classes\\CLSID\\", L"LocalServer32", m},
-                  {USER32, HKEY_USERS, sid + L"\\Software\\Classes\\Wow6432Node\\CLSID\\", L"InprocServer32", bare},
-                  {MACHINE32, HKEY_LOCAL_MACHINE, L"Software\\Classes\\Wow6432Node\\CLSID\\", L"InprocServer32", bare}};
-    for (const ClsidRow& r : rows) {
+    const struct { int bit; HKEY root; std::wstring path; const wchar_t* serverKey; std::wstring server; } places[] = {
+        {USER, HKEY_USERS, sid + L"\\Software\\Classes\\CLSID\\", L"InprocServer32", u},
+        {MACHINE, HKEY_LOCAL_MACHINE, L"Software\\Classes\\CLSID\\", L"LocalServer32", m},
+        {USER32, HKEY_USERS, sid + L"\\Software\\Classes\\Wow6432Node\\CLSID\\", L"InprocServer32", bare},
+        {MACHINE32, HKEY_LOCAL_MACHINE, L"Software\\Classes\\Wow6432Node\\CLSID\\", L"InprocServer32", bare},
+    };
+    for (const auto& r : rows) {
         SCOPED_TRACE(r.name);
         const std::wstring c = kwtest::FreshClsid();
         std::wstring text[] = {r.key, r.valueName ? r.valueName : L"", r.data, r.outcome, r.line ? r.line : L""};
@@ -95,20 +77,20 @@ TEST(Clsid, FromHostEventToServers) {
                 Replace(s, p.first, p.second);
         }
         std::vector<std::unique_ptr<ClassRegistration>> regs;
-        for (const Place& p : places)
+        for (const auto& p : places)
             if (r.registered & p.bit) {
                 regs.emplace_back(new ClassRegistration(p.root, p.path + c, KEY_WOW64_64KEY));
                 ASSERT_TRUE(regs.back()->SetServer(p.serverKey, p.server));
             }
         Host().Engine().ClearLines();
-        auto targets = r.valueName ? PostSz(text[0], text[1], text[2], r.parseId) : PostKey(text[0], r.parseId);
+        auto targets = PostValue(r.valueName ? 6 : 1, text[0], r.valueName ? text[1].c_str() : nullptr, REG_SZ, text[2], r.parseId);
         std::wstring lines;  // shown when the outcome differs
         for (const auto& l : Host().Engine().Lines()) lines += l.text + L"\n";
         EXPECT_EQ(text[3], Outcome()) << ::testing::PrintToString(lines);
-        std::set<std::wstring> expected;  // the listed paths, as the host's ordered targets
+        std::vector<std::wstring> expected;  // the listed paths
         for (size_t b = 0, e; (e = text[3].find(L';', b)) != std::wstring::npos; b = e + 1)
-            if (e > b) expected.insert(kwtest::Upper(text[3].substr(b, e - b)));
-        EXPECT_EQ(std::vector<std::wstring>(expected.begin(), expected.end()), targets);
+            if (e > b) expected.push_back(text[3].substr(b, e - b));
+        EXPECT_EQ(Targets(expected), targets);
         EXPECT_TRUE(Host().Engine().HasLine(text[4]));
     }
     DeleteFileW(w.c_str());
@@ -126,6 +108,7 @@ TEST(Clsid, ServerValueIsCutToItsBuffer) {
         SCOPED_TRACE(cb);
         const BYTE* bytes = reinterpret_cast<const BYTE*>(text.data());
         ASSERT_TRUE(reg.SetServerRaw(L"InprocServer32", REG_SZ, std::vector<BYTE>(bytes, bytes + cb)));
-        EXPECT_EQ(std::vector<std::wstring>{kwtest::Upper(text.substr(0, 2047))}, PostKey(L"HKEY_CLASSES_ROOT\\CLSID\\" + c, 110));
+        EXPECT_EQ(std::vector<std::wstring>{kwtest::Upper(text.substr(0, 2047))},
+                  PostValue(1, L"HKEY_CLASSES_ROOT\\CLSID\\" + c, nullptr, 0, L"", 110));
     }
 }

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <memory>
 
 namespace e2e {
@@ -20,7 +21,6 @@ const char* const kRules = R"({"RegParseConfig":[
  {"ParseID":32,"FunctionID":13,"CheckID":1,"RegRootkey":2147483650,"RegSubkey":"SYSTEM\\CurrentControlSet\\Control\\Session Manager","RegValueName":"BootExecute"},
  {"ParseID":33,"FunctionID":21,"CheckID":1,"RegRootkey":2147483650,"RegSubkey":"SYSTEM\\CurrentControlSet\\Control\\Session Manager\\KnownDlls"},
  {"ParseID":23,"FunctionID":5,"CheckID":1,"RegRootkey":2147483650,"RegSubkey":"SOFTWARE\\X","RegValueName":"wanted"},
- {"ParseID":30,"FunctionID":12,"CheckID":0},
  {"ParseID":15,"FunctionID":15,"CheckID":0},
  {"ParseID":202,"FunctionID":2,"CheckID":0,"Parameter1":"SOFTWARE\\kwtest-comp"},
  {"ParseID":203,"FunctionID":3,"CheckID":0,"Parameter1":"Startup"},
@@ -53,13 +53,24 @@ std::vector<std::wstring> Post(hostsim::Event& ev, uint32_t parseId, uint32_t mo
 
 std::vector<std::wstring> PostSz(const std::wstring& keyPath, const std::wstring& valueName,
                                  const std::wstring& data, uint32_t parseId, uint32_t type) {
-    std::unique_ptr<hostsim::Event> ev(hostsim::Event::RegistrySz(keyPath, valueName, data, type));
-    return Post(*ev, parseId);
+    return PostValue(6, keyPath, valueName.c_str(), type, data, parseId);
 }
 
-std::vector<std::wstring> Upper(std::vector<std::wstring> v) {
-    for (auto& s : v) s = kwtest::Upper(s);
-    return v;
+std::vector<std::wstring> PostValue(uint32_t op, const std::wstring& keyPath, const wchar_t* valueName,
+                                    uint32_t type, const std::wstring& data, uint32_t parseId,
+                                    uint32_t claimedSize, uint32_t pid, uint32_t mode) {
+    const std::wstring name = valueName ? valueName : L"";
+    std::unique_ptr<hostsim::Event> ev(hostsim::Event::Registry(op, keyPath, valueName ? &name : nullptr, type,
+                                                                data.c_str(), static_cast<uint32_t>((data.size() + 1) * 2),
+                                                                pid ? pid : GetCurrentProcessId()));
+    if (claimedSize) ev->Req().Context.DataSize = claimedSize;
+    return Post(*ev, parseId, mode);
+}
+
+std::vector<std::wstring> Targets(std::vector<std::wstring> paths) {
+    for (auto& s : paths) s = kwtest::Upper(s);
+    std::sort(paths.begin(), paths.end());
+    return paths;
 }
 
 }  // namespace e2e

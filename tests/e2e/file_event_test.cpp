@@ -1,11 +1,10 @@
 // Written autorun and shortcut files from the host's file event to the targets,
-// and the open command of a file class (FunctionID 15) from a registry event.
+// and a shortcut named by a Run value.
 #include "e2e_support.h"
 
 #include <gtest/gtest.h>
 #include <shlobj.h>
 
-#include <algorithm>
 #include <memory>
 
 using namespace e2e;
@@ -39,30 +38,25 @@ void MakeShortcut(const std::wstring& lnk, const std::wstring& target) {
     link->Release();
 }
 
-// The event's paths (written, renamed to) and the targets, upper-cased, in order.
-struct FileCase { const char* name; uint32_t operation; std::wstring written, renamedTo; std::vector<std::wstring> targets; };
-
 }  // namespace
 
 TEST(FileEvent, AutorunAndShortcutFilesYieldTheirPrograms) {
     kwtest::TempDir dir;
     const std::wstring a = dir.File(L"a.exe"), b = dir.File(L"b.exe"), c = dir.File(L"c.exe");
     // A relative command resolves against the root of the autorun file's drive.
-    const std::wstring rootDir = L"kwtest-root-" + std::to_wstring(GetCurrentProcessId());
-    const std::wstring rel = L"C:\\" + rootDir + L"\\rel.exe";
+    const std::wstring rootDir = L"kwtest-root-" + std::to_wstring(GetCurrentProcessId()), rel = L"C:\\" + rootDir + L"\\rel.exe";
     ASSERT_TRUE(kwtest::MakeFile(rel));
     const std::string autorun = "[AutoRun]\r\nopen=" + N(a) + "\r\nOPEN=" + N(a) + "\r\nShellExecute=" + N(b) +
                                 "\r\nshell\\install\\command=" + N(rootDir) + "\\rel.exe\r\nshell\\x=" + N(c) +
                                 "\r\n[AutoRun.alpha]\r\nOpen=" + N(a) + "\r\n";
-    const std::wstring inf = dir.File(L"autorun.inf", autorun);
-    const std::wstring upperInf = dir.File(L"SETUP.INF", "[autorun]\r\nopen=" + N(b) + "\r\n");
-    const std::wstring lnk = dir.Path() + L"\\start.lnk";
+    const std::wstring inf = dir.File(L"autorun.inf", autorun), upperInf = dir.File(L"SETUP.INF", "[autorun]\r\nopen=" + N(b) + "\r\n");
+    const std::wstring lnk = dir.Path() + L"\\Start.LNK";
     MakeShortcut(lnk, c);
     const std::wstring longLnk = dir.Path() + L"\\" + std::wstring(300 - dir.Path().size() - 5, L'l') + L".lnk";
-    std::vector<std::wstring> all{kwtest::Upper(a), kwtest::Upper(b), kwtest::Upper(rel)};
-    std::sort(all.begin(), all.end());
+    const std::vector<std::wstring> all = Targets({a, b, rel});
 
-    const FileCase cases[] = {
+    // The event's paths (written, renamed to) and the targets, upper-cased, in order.
+    const struct { const char* name; uint32_t operation; std::wstring written, renamedTo; std::vector<std::wstring> targets; } cases[] = {
         {"autorun file: each program once, relative one at the drive root", 1, inf, L"", all},
         {"upper-case extension", 1, upperInf, L"", {kwtest::Upper(b)}},
         {"another extension after .inf", 1, dir.File(L"a.inf.txt", autorun), L"", {}},
@@ -78,37 +72,10 @@ TEST(FileEvent, AutorunAndShortcutFilesYieldTheirPrograms) {
         std::unique_ptr<Event> ev(Event::File(c.operation, c.written, c.renamedTo));
         EXPECT_EQ(c.targets, PostFile(*ev));
     }
-    kwtest::RemoveTree(L"C:\\" + rootDir);
-}
-
-TEST(FileEvent, ShortcutInRunKeyGoesThroughTheShortcutStep) {
-    kwtest::TempDir dir;
-    const std::wstring lnk = dir.Path() + L"\\Start.LNK";
-    MakeShortcut(lnk, dir.File(L"t.exe"));
+    // A shortcut named by a Run value goes through the same step.
     Host().Engine().ClearLines();
     EXPECT_EQ(std::vector<std::wstring>{kwtest::Upper(lnk)},
-              PostSz(L"HKEY_LOCAL_MACHINE\\SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\Run", L"L",
-                     L"\"" + lnk + L"\"", 5));
+              PostSz(L"HKEY_LOCAL_MACHINE\\SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\Run", L"L", L"\"" + lnk + L"\"", 5));
     EXPECT_TRUE(Host().Engine().HasLine(L"[LNK] parse link file " + lnk));
-}
-
-TEST(FileLink, OpenCommandDefaultValues) {
-    kwtest::TempDir dir;
-    const std::wstring exe = dir.File(L"open.exe");
-    const std::wstring cls = L"kwtestfile-" + std::to_wstring(GetCurrentProcessId());
-    const std::wstring userClasses = L"HKEY_USERS\\" + kwtest::CurrentUserSid() + L"_Classes\\";
-    const struct { const char* name; std::wstring key, value; bool found; } cases[] = {
-        {"user's classes, default value", userClasses + cls + L"\\shell\\open\\command", L"", true},
-        {"kernel path of the machine's classes", L"\\REGISTRY\\MACHINE\\SOFTWARE\\Classes\\" + cls + L"\\shell\\open\\command", L"default_null", true},
-        {"machine classes", L"HKEY_LOCAL_MACHINE\\SOFTWARE\\Classes\\" + cls + L"\\Shell\\Open\\Command", L"", true},
-        {"named value", userClasses + cls + L"\\shell\\open\\command", L"x", false},
-        {"not an open command", L"HKEY_LOCAL_MACHINE\\SOFTWARE\\Classes\\" + cls + L"\\DefaultIcon", L"", false},
-        {"outside the classes", L"HKEY_LOCAL_MACHINE\\SOFTWARE\\" + cls + L"\\shell\\open\\command", L"", false},
-        {"current user root", L"HKEY_CURRENT_USER\\Software\\Classes\\" + cls + L"\\shell\\open\\command", L"", false},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
-        auto expected = c.found ? std::vector<std::wstring>{kwtest::Upper(exe)} : std::vector<std::wstring>{};
-        EXPECT_EQ(expected, PostSz(c.key, c.value, L"\"" + exe + L"\" \"%1\"", 15));
-    }
+    kwtest::RemoveTree(L"C:\\" + rootDir);
 }

@@ -19,91 +19,62 @@ namespace {
 const std::wstring kCs = kwtest::ControlSetNameFromRegistry();
 const std::wstring kPid = std::to_wstring(GetCurrentProcessId());
 
+// Strings each followed by a NUL (the event adds the list's final NUL).
 std::wstring Multi(const std::vector<std::wstring>& strings) {
     std::wstring s;
-    for (const auto& x : strings) s += x + std::wstring(1, L'\0');
-    return s + std::wstring(1, L'\0');
-}
-
-std::vector<std::wstring> PostRaw(uint32_t op, const std::wstring& key, const wchar_t* value, const std::wstring& data,
-                                  uint32_t type, uint32_t parseId, uint32_t claimedSize = 0) {
-    std::wstring name = value ? value : L"";
-    std::unique_ptr<Event> ev(Event::Registry(op, key, value ? &name : nullptr, type, data.c_str(),
-                                              static_cast<uint32_t>((data.size() + 1) * 2)));
-    if (claimedSize) ev->Req().Context.DataSize = claimedSize;
-    return Post(*ev, parseId);
-}
-
-struct Row {
-    const char* name;
-    uint32_t op;
-    std::wstring key;
-    const wchar_t* value;
-    std::wstring data;
-    uint32_t parseId;
-    std::wstring expected;  // empty: no target
-};
-
-void RunRows(const std::vector<Row>& rows, uint32_t type) {
-    for (const Row& r : rows) {
-        SCOPED_TRACE(r.name);
-        auto targets = PostRaw(r.op, r.key, r.value, r.data, type, r.parseId);
-        EXPECT_EQ(r.expected.empty() ? std::vector<std::wstring>{} : std::vector<std::wstring>{Upper(r.expected)},
-                  targets);
-    }
+    for (const auto& x : strings) s += x + L'\0';
+    return s;
 }
 
 }  // namespace
 
 TEST(Service, ImagesDllsAndDriversFromTheServiceKey) {
     const std::wstring stem = L"kwsvc" + kPid, svc = L"HKEY_LOCAL_MACHINE\\SYSTEM\\" + kCs + L"\\Services\\" + stem;
-    const std::wstring drivers = kwtest::WindowsDir() + L"\\Sysnative\\drivers\\";
-    const std::wstring driver = kwtest::WindowsDir() + L"\\system32\\drivers\\" + stem + L".sys";
+    const std::wstring drivers = kwtest::WindowsDir() + L"\\Sysnative\\drivers\\", sys32 = kwtest::WindowsDir() + L"\\system32\\";
+    const std::wstring driver = sys32 + L"drivers\\" + stem + L".sys", joined = sys32 + L"drivers\\" + stem + L"Parameters.sys";
     ASSERT_TRUE(kwtest::MakeFile(drivers + stem + L".sys") && kwtest::MakeFile(drivers + stem + L"Parameters.sys"));
     kwtest::TempDir dir;
     const std::wstring img = dir.File(L"img.sys"), dll = dir.File(L"svc.dll"), repaired = dir.File(L"repair.dll"),
                        loose = dir.File(L"repair.exe");
     const std::wstring exe = L"C:\\Program Files\\kwtest-" + kPid + L"\\Some App\\svc.exe";
     kwtest::MakeFile(exe);
-    wchar_t temp[MAX_PATH];
-    const std::wstring viaTemp = L"%TEMP%" + dir.Path().substr(GetEnvironmentVariableW(L"TEMP", temp, MAX_PATH));
+    const std::wstring viaTemp = L"%TEMP%" + dir.Path().substr(kwtest::EnvText(L"TEMP").size());
     // Sub-keys of 258, 259 and 260 characters ending in "\Parameters": the
     // analyzer reads 259 of them.
     auto longKey = [&](size_t n) {
         return L"HKEY_LOCAL_MACHINE\\SYSTEM\\" + kCs + L"\\Services\\" + std::wstring(n - 17 - kCs.size() - 11, L's') +
                L"\\Parameters";
     };
-    RunRows({
+    const struct { const char* name; uint32_t op; std::wstring key; const wchar_t* value; std::wstring data; uint32_t parseId;
+                   std::wstring expected; } rows[] = {
         {"boot form", 6, svc, L"ImagePath", L"\\SystemRoot\\System32\\drivers\\" + stem + L".sys", 31, driver},
         {"relative system32 form", 6, svc, L"ImagePath", L"system32\\DRIVERS\\" + stem + L".sys", 31, driver},
         {"object-manager form", 6, svc, L"ImagePath", L"\\??\\" + img, 31, img},
-        {"svchost group", 6, svc, L"ImagePath", L"%SystemRoot%\\system32\\svchost.exe -k netsvcs -p", 31,
-         kwtest::WindowsDir() + L"\\system32\\svchost.exe"},
+        {"svchost group", 6, svc, L"ImagePath", L"%SystemRoot%\\system32\\svchost.exe -k netsvcs -p", 31, sys32 + L"svchost.exe"},
         {"unquoted Program Files image with argument", 6, svc, L"imagepath", exe + L" /run", 31, exe},
         {"empty ImagePath: the driver of that name", 6, svc, L"ImagePath", L"", 31, driver},
         {"new key: the driver of that name", 1, svc, nullptr, L"", 31, driver},
-        {"new key below the service: names joined", 1, svc + L"\\Parameters", nullptr, L"", 31,
-         kwtest::WindowsDir() + L"\\system32\\drivers\\" + stem + L"Parameters.sys"},
+        {"new key below the service: names joined", 1, svc + L"\\Parameters", nullptr, L"", 31, joined},
         {"new key, no such driver", 1, svc + L"x", nullptr, L"", 31, L""},
         {"ServiceDll under Parameters", 6, svc + L"\\Parameters", L"ServiceDll", dll, 31, dll},
         {"ServiceDll under the service key", 6, svc, L"ServiceDll", dll, 31, L""},
         {"ServiceDll below Parameters", 6, svc + L"\\Parameters\\x", L"ServiceDll", dll, 31, L""},
         // Beside repair.exe, which a command line without extension would name.
-        {"ServiceDll without extension, rule 76", 6, svc + L"\\parameters", L"ServiceDll", viaTemp + L"\\repair", 76,
-         repaired},
-        {"ServiceDll without extension, other rule", 6, svc + L"\\Parameters", L"ServiceDll", viaTemp + L"\\repair", 31,
-         loose},
-        {"another control set", 6, L"HKEY_LOCAL_MACHINE\\SYSTEM\\ControlSet009\\Services\\" + stem, L"ImagePath", img,
-         31, L""},
+        {"ServiceDll without extension, rule 76", 6, svc + L"\\parameters", L"ServiceDll", viaTemp + L"\\repair", 76, repaired},
+        {"ServiceDll without extension, other rule", 6, svc + L"\\Parameters", L"ServiceDll", viaTemp + L"\\repair", 31, loose},
+        {"another control set", 6, L"HKEY_LOCAL_MACHINE\\SYSTEM\\ControlSet009\\Services\\" + stem, L"ImagePath", img, 31, L""},
         {"sub-key of 258 characters", 6, longKey(258), L"ServiceDll", dll, 31, dll},
         {"sub-key of 259 characters", 6, longKey(259), L"ServiceDll", dll, 31, dll},
         {"sub-key of 260 characters", 6, longKey(260), L"ServiceDll", dll, 31, L""},
-    }, REG_EXPAND_SZ);
-    DeleteFileW((drivers + stem + L".sys").c_str());
-    DeleteFileW((drivers + stem + L"Parameters.sys").c_str());
+    };
+    for (const auto& r : rows) {
+        SCOPED_TRACE(r.name);
+        EXPECT_EQ(r.expected.empty() ? Targets({}) : Targets({r.expected}),
+                  PostValue(r.op, r.key, r.value, REG_EXPAND_SZ, r.data, r.parseId));
+    }
+    for (const wchar_t* file : {L".sys", L"Parameters.sys"}) DeleteFileW((drivers + stem + file).c_str());
     kwtest::RemoveTree(L"C:\\Program Files\\kwtest-" + kPid);
 
-    Host().Engine().ClearLines();
     std::unique_ptr<Event> ev(Event::RegistrySz(svc, L"Description", img));
     EXPECT_TRUE(Post(*ev, 31).empty());
     EXPECT_TRUE(Host().Engine().HasLine(L"[CAnalizyOperate::AnalyzServece] 注册表ValueName无效。ValueName必须是ImagePath或ServiceDll"));
@@ -119,14 +90,8 @@ TEST(BootExecute, OnlyAddedProgramsAreReported) {
     ASSERT_TRUE(kwtest::RegSetMulti(HKEY_LOCAL_MACHINE, current, L"BootExecute", {L"autocheck autochk *"}));
     kwtest::TempDir dir;
     const std::wstring tool = dir.File(L"tool.exe");
-    struct BootRow {
-        const char* name;
-        std::wstring data;
-        uint32_t claimed;
-        std::vector<std::wstring> expected;
-        const wchar_t* ret;
-    };
-    const BootRow rows[] = {
+    const struct { const char* name; std::wstring data; uint32_t claimed; std::vector<std::wstring> expected; const wchar_t* ret; }
+        rows[] = {
         {"a program next to the checker", Multi({L"autocheck autochk *", tool + L" /q"}), 0, {Upper(tool)}, L"||ret:0"},
         {"trailing star removed", Multi({L"autocheck autochk *", tool + L"*"}), 0, {Upper(tool)}, L"||ret:0"},
         {"the checker again, other case", Multi({L"AUTOCHECK AUTOCHK *"}), 0, {}, L"||ret:4"},
@@ -139,8 +104,7 @@ TEST(BootExecute, OnlyAddedProgramsAreReported) {
     for (const auto& r : rows) {
         SCOPED_TRACE(r.name);
         Host().Engine().ClearLines();
-        std::wstring data = r.data.substr(0, r.data.size() - 1);  // PostRaw adds the last NUL
-        EXPECT_EQ(r.expected, PostRaw(6, L"HKEY_LOCAL_MACHINE\\" + key, L"BootExecute", data, REG_MULTI_SZ, 32, r.claimed));
+        EXPECT_EQ(r.expected, PostValue(6, L"HKEY_LOCAL_MACHINE\\" + key, L"BootExecute", REG_MULTI_SZ, r.data, 32, r.claimed));
         EXPECT_TRUE(Host().Engine().HasLine(r.ret));
     }
 }
@@ -150,19 +114,11 @@ TEST(KnownDlls, NamesResolveInTheKnownDllDirectory) {
     kwtest::SavedRegValue saved(key, L"DllDirectory32");  // a 32-bit process on 64-bit Windows reads this one
     kwtest::TempDir dir;
     const std::wstring dll = dir.File(L"kwkd" + kPid + L".dll"), event = L"HKEY_LOCAL_MACHINE\\" + key;
-    wchar_t temp[MAX_PATH];
-    const std::wstring blanks = L"  %TEMP%" + dir.Path().substr(GetEnvironmentVariableW(L"TEMP", temp, MAX_PATH)) + L" \t";
-    struct DirRow {
-        const char* name;
-        std::wstring directory;
-        DWORD type;
-        std::wstring key;
-        const wchar_t* value;
-        std::wstring data;
-        std::wstring expected;  // empty: no target
-    };
+    const std::wstring blanks = L"  %TEMP%" + dir.Path().substr(kwtest::EnvText(L"TEMP").size()) + L" \t";
     auto longDir = [](size_t n) { return L"C:\\" + std::wstring(n - 3, L'd'); };
-    const DirRow rows[] = {
+    // The known-DLL directory (and its type), the event's key, value name and data, the one target or none.
+    const struct { const char* name; std::wstring directory; DWORD type; std::wstring key; const wchar_t* value; std::wstring data;
+                   std::wstring expected; } rows[] = {
         {"name without extension: its .dll", blanks, REG_EXPAND_SZ, event, L"kw", L"kwkd" + kPid, dll},
         {"name as written when it exists", blanks, REG_EXPAND_SZ, event, L"kw", L"kwkd" + kPid + L".dll", dll},
         {"neither exists: as written", blanks, REG_EXPAND_SZ, event, L"kw", L"gone", dir.Path() + L"\\gone"},
@@ -178,8 +134,6 @@ TEST(KnownDlls, NamesResolveInTheKnownDllDirectory) {
         SCOPED_TRACE(r.name);
         ASSERT_TRUE(kwtest::RegSetRaw(HKEY_LOCAL_MACHINE, key, L"DllDirectory32", r.type, r.directory.c_str(),
                                       r.type == REG_DWORD ? 4 : static_cast<DWORD>((r.directory.size() + 1) * 2)));
-        auto targets = PostRaw(6, r.key, r.value, r.data, REG_SZ, 33);
-        EXPECT_EQ(r.expected.empty() ? std::vector<std::wstring>{} : std::vector<std::wstring>{Upper(r.expected)},
-                  targets);
+        EXPECT_EQ(r.expected.empty() ? Targets({}) : Targets({r.expected}), PostValue(6, r.key, r.value, REG_SZ, r.data, 33));
     }
 }
