@@ -593,7 +593,9 @@ bool CParseComandLine::TryWithExtensions(const std::wstring& path, bool hasExten
                                          std::wstring& found, bool exeOnly) {
     const std::wstring p = PathInView(path, View32() ? TRUE : FALSE);
     if (p.size() >= MAX_PATH) return false;
-    if (IsFileOnce(p)) {
+    // A run of words without extension is what process creation completes
+    // with ".exe" only: the run as it stands names no program.
+    if (!(exeOnly && !hasExtension) && IsFileOnce(p)) {
         found = p;
         return true;
     }

@@ -7,6 +7,8 @@
 #include "resolve/parse_text.h"
 #include "rules/ds_conf.h"
 
+#include <shlwapi.h>
+
 #include <cwctype>
 
 namespace kw {
@@ -103,10 +105,15 @@ int CScriptHostRuleParser::ExpandNoPECmdLine(std::wstring& cmdLine, const wchar_
             KW_INFO(kExpandFn, "Special cmd line: \"cmd /c ...\"");
             return 0;
         }
+        // Only a document can have a shell verb: a candidate without an
+        // extension is none, and a relative one would be looked for in this
+        // process's current folder, which says nothing about where the
+        // command runs. Neither is asked of the file system.
         auto isFile = [&](const std::wstring& p) {
             std::wstring expanded;
             ExpandPathString(p, expanded, hUserToken, sid, bWow64Expand);
-            return IsFile(expanded.empty() ? p : expanded);
+            const std::wstring& path = expanded.empty() ? p : expanded;
+            return !PathExtensionOf(path).empty() && !PathIsRelativeW(path.c_str()) && IsFile(path);
         };
         std::wstring file, rest;
         if (!ScriptFirstArgument(line, file, rest, isFile)) return 0;

@@ -78,7 +78,7 @@ struct World {
                  L"tools\\cfg.exe", L"tools\\run.exe", L"x.cpl", L"a.dll", L"b.dll", L"Begin.exe", L"srv.dll", L"srv32.dll",
                  L"apppath\\kwapp.exe", L"Some Dir\\prog.exe", L"Long File Name Test.exe", L"semi;colon.exe",
                  L"order\\pick.bat", L"order\\pick.exe", L"kwbare" + u + L".dll", L"pathdir\\kwpath" + u + L".exe",
-                 L"Acme Windows explorer.exe", L"script" + EXT, L"a b c d e f g h i j k l m n o p q r\\x.exe"})
+                 L"Acme Windows explorer.exe", L"script" + EXT, L"a b c d e f g h i j k l m n o p q r\\x.exe", L"kwnoext Tool"})
             temp.File(f);
         const std::wstring uncFolder = kwtest::WineUncHostFolder(L"kwunc" + u);
         if (!uncFolder.empty()) {
@@ -198,6 +198,7 @@ const wchar_t kPath[] = L"relative\\dir;{UNC};\"{T}\\pathdir\"";
 const Row kRows[] = {
     {"unquoted path with spaces and a path argument", L"{PF}\\Some App\\app.exe /config {T}\\tools\\cfg.exe",
      {L"{PF}\\Some App\\app.exe", L"{T}\\tools\\cfg.exe"}},
+    {"unquoted run without extension is completed with .exe only", L"{T}\\kwnoext Tool /x", {}},
     {"quoted path with path arguments", L"\"{PF}\\Some App\\app.exe\" \"{PF}\\Some App\\data\\in.dll\" {T}\\tools\\cfg.exe",
      {L"{PF}\\Some App\\app.exe", L"{PF}\\Some App\\data\\in.dll", L"{T}\\tools\\cfg.exe"}},
     {"value in double parentheses", L"(({T}\\a.dll))", {L"{T}\\a.dll"}},

@@ -214,6 +214,7 @@ TEST(ScriptHostExpand, VerbCommands) {
     kwtest::RegSetSz(HKEY_USERS, UserClasses() + kw::PathExtensionOf(userExt), L"", OpenClass(keys, L"m2.exe \"%1\"").progId);
 
     const std::wstring f = dir.File(L"a" + open.ext), spaced = dir.File(L"Some Dir\\b c" + withArgs.ext);
+    dir.File(L"Some Dir\\b");  // a file without extension is no document: the longer run still wins
     // Lines of n characters and what becomes of them: only the first 259 are used.
     const std::wstring head = L"C:\\x" + withArgs.ext;
     auto ofLength = [&](size_t n) { return head + L" " + std::wstring(n - head.size() - 1, L'a'); };
