@@ -133,9 +133,12 @@ int CAnalizyOperate::PushNotifyEntry(ResultEntryPtr entry) {
     if (!entry) return 1;
     // A folder is no target; another machine's path is not tested (the host
     // decides what to do with it), so that no push waits on the network.
-    if (!m_bKeepDirectories && !entry->filePath.empty() && !IsRemotePath(entry->filePath) &&
-        PathIsDirectoryW(entry->filePath.c_str()))
-        return 1;
+    if (!m_bKeepDirectories && !entry->filePath.empty() && !IsRemotePath(entry->filePath)) {
+        // The parse of this record has mostly tested the path already.
+        bool folder = false;
+        if (!m_fileTests.KnownFolder(entry->filePath, &folder)) folder = PathIsDirectoryW(entry->filePath.c_str()) != FALSE;
+        if (folder) return 1;
+    }
     if (GetWow64Helper()->m_bIsWow64 && !entry->filePath.empty()) {
         wchar_t sysnative[MAX_PATH] = {0};
         if (GetSystemWindowsDirectoryW(sysnative, MAX_PATH) &&

@@ -68,19 +68,41 @@ bool IsRemotePath(const std::wstring& path) {
     return !(info && info->IsLocalHost(host.c_str(), host.size() + 1, true));
 }
 
+namespace {
+
+// A remote, empty or overlong path is not asked of the file system: missing.
+DWORD TestedAttributes(const std::wstring& path, BOOL bWow64View) {
+    if (path.empty() || path.size() >= 32767 || IsRemotePath(path)) return INVALID_FILE_ATTRIBUTES;
+    return AttributesInView(path, bWow64View);
+}
+
+bool IsFileAttributes(DWORD attr) { return attr != INVALID_FILE_ATTRIBUTES && !(attr & FILE_ATTRIBUTE_DIRECTORY); }
+
+}  // namespace
+
 bool IsFileInView(const std::wstring& path, BOOL bWow64View) {
-    if (path.empty() || path.size() >= 32767 || IsRemotePath(path)) return false;
-    DWORD attr = AttributesInView(path, bWow64View);
-    return attr != INVALID_FILE_ATTRIBUTES && !(attr & FILE_ATTRIBUTE_DIRECTORY);
+    return IsFileAttributes(TestedAttributes(path, bWow64View));
 }
 
 bool FileTestMemo::IsFile(const std::wstring& path, BOOL bWow64View) {
     std::wstring key = (bWow64View ? L"1" : L"0") + ToUpper(path);
     auto known = m_known.find(key);
-    if (known != m_known.end()) return known->second;
-    const bool ok = IsFileInView(path, bWow64View);
-    m_known.emplace(std::move(key), ok);
-    return ok;
+    if (known != m_known.end()) return IsFileAttributes(known->second);
+    const DWORD attr = TestedAttributes(path, bWow64View);
+    m_known.emplace(std::move(key), attr);
+    return IsFileAttributes(attr);
+}
+
+bool FileTestMemo::KnownFolder(const std::wstring& path, bool* isFolder) const {
+    const std::wstring upper = ToUpper(path);
+    auto known = m_known.find(L"1" + upper);
+    std::wstring mapped;
+    if (known == m_known.end() &&
+        (!GetWow64Helper()->m_bIsWow64 || (MapSystem32ToSysWow64(path, mapped) && mapped == path)))
+        known = m_known.find(L"0" + upper);
+    if (known == m_known.end()) return false;
+    *isFolder = known->second != INVALID_FILE_ATTRIBUTES && (known->second & FILE_ATTRIBUTE_DIRECTORY);
+    return true;
 }
 
 std::wstring PathInView(const std::wstring& path, BOOL bWow64View) {

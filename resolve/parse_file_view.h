@@ -32,10 +32,15 @@ class FileTestMemo {
 public:
     // IsFileInView, answered from the memo after the first test of `path`.
     bool IsFile(const std::wstring& path, BOOL bWow64View);
+    // Whether `path` is a folder as this process sees it (file-system
+    // redirection as it stands), when a test of this analysis already told:
+    // a test in the 32-bit view, or in either view for a path that
+    // redirection leaves alone. False when no test told.
+    bool KnownFolder(const std::wstring& path, bool* isFolder) const;
     void Clear() { m_known.clear(); }
 
 private:
-    std::map<std::wstring, bool> m_known;  // view digit + upper-cased path -> exists
+    std::map<std::wstring, DWORD> m_known;  // view digit + upper-cased path -> attributes
 };
 
 // The path as the view names it: System32 rewritten to SysWow64 in the 32-bit

@@ -50,6 +50,7 @@ TEST(ValuePath, HostEventToTargets) {
         {"5: environment token in expandable data", kRun, L"Tok", viaTemp, 5, {exe}, REG_EXPAND_SZ},
         {"5: missing file reported as written", kRun, L"Gone", L"C:\\kwtest-missing\\nothere.exe", 5, {L"C:\\kwtest-missing\\nothere.exe"}},
         {"5: empty data", kRun, L"Empty", L"", 5, {}},
+        {"5: a folder is no target", kRun, L"Dir", dir.Path(), 5, {}},
         {"20: the value name is the path", L"HKEY_LOCAL_MACHINE\\SOFTWARE\\kwtest\\Names", exe, L"ignored", 20, {exe}},
         {"19: each piece of a vertical-bar list", other, L"v", b + L"||" + a, 19, {a, b}},
         {"5, rule pattern: one level below", pattern + L"Run\\Sub", L"v", exe, 7, {exe}},
