@@ -2,8 +2,8 @@
 // hundred small allocations (path strings, lists, maps), and the C runtime's
 // heap serves every thread under one lock: host threads analysing at once
 // would queue on it for each of them. Small blocks are therefore recycled
-// through a few caches, each guarded by a try-lock and picked by the calling
-// thread's id; a cache that is busy, empty or full hands the call on to the
+// through a few caches, each guarded by a try-lock and given to threads in
+// turn; a cache that is busy, empty or full hands the call on to the
 // heap, so a block may be freed on any thread. Every block carries its size
 // class in front of it (the heap's own alignment is kept).
 #include <windows.h>
@@ -32,10 +32,15 @@ struct alignas(64) Cache {
 Cache g_caches[kCaches];
 volatile LONG g_closing = 0;  // the module unloads: blocks go back to the heap
 
+// Each thread takes the next cache on its first allocation, so that up to
+// kCaches threads never share one.
+volatile LONG g_nextCache = 0;
+thread_local Cache* t_cache = nullptr;
+
 Cache* TryLockCache() noexcept {
     if (g_closing) return nullptr;
-    // Windows thread ids are multiples of four.
-    Cache* c = &g_caches[(GetCurrentThreadId() >> 2) % kCaches];
+    Cache* c = t_cache;
+    if (!c) c = t_cache = &g_caches[static_cast<size_t>(InterlockedIncrement(&g_nextCache)) % kCaches];
     return InterlockedExchange(&c->busy, 1) == 0 ? c : nullptr;
 }
 
