@@ -33,14 +33,32 @@ Cache g_caches[kCaches];
 volatile LONG g_closing = 0;  // the module unloads: blocks go back to the heap
 
 // Each thread takes the next cache on its first allocation, so that up to
-// kCaches threads never share one.
+// kCaches threads never share one. The choice is kept in a system TLS slot,
+// not in a thread_local, whose per-thread storage would outlive an unloaded
+// module.
 volatile LONG g_nextCache = 0;
-thread_local Cache* t_cache = nullptr;
+volatile LONG g_tlsIndex = -1;  // TLS_OUT_OF_INDEXES until the first allocation
 
 Cache* TryLockCache() noexcept {
     if (g_closing) return nullptr;
-    Cache* c = t_cache;
-    if (!c) c = t_cache = &g_caches[static_cast<size_t>(InterlockedIncrement(&g_nextCache)) % kCaches];
+    LONG index = g_tlsIndex;
+    if (index == -1) {
+        const DWORD fresh = TlsAlloc();
+        if (fresh == TLS_OUT_OF_INDEXES) return nullptr;
+        index = InterlockedCompareExchange(&g_tlsIndex, static_cast<LONG>(fresh), -1);
+        if (index != -1) TlsFree(fresh);  // another thread was first
+        else index = static_cast<LONG>(fresh);
+    }
+    // TlsGetValue clears the thread's last error, which a caller that
+    // allocates before reading it must still find.
+    const DWORD lastError = GetLastError();
+    Cache* c = static_cast<Cache*>(TlsGetValue(static_cast<DWORD>(index)));
+    SetLastError(lastError);
+    if (!c) {
+        c = &g_caches[static_cast<size_t>(InterlockedIncrement(&g_nextCache)) % kCaches];
+        TlsSetValue(static_cast<DWORD>(index), c);
+        SetLastError(lastError);
+    }
     return InterlockedExchange(&c->busy, 1) == 0 ? c : nullptr;
 }
 
@@ -105,6 +123,7 @@ struct Drain {
             }
             Unlock(&c);
         }
+        if (g_tlsIndex != -1) TlsFree(static_cast<DWORD>(g_tlsIndex));
     }
 } g_drain;
 
