@@ -1,7 +1,7 @@
 // The module's operator new and delete. An event's analysis makes a few
-// hundred small allocations (path strings, lists, maps), and the C runtime's
+// hundred allocations (path strings, lists, maps, the record), and the C runtime's
 // heap serves every thread under one lock: host threads analysing at once
-// would queue on it for each of them. Small blocks are therefore recycled
+// would queue on it for each of them. Blocks of up to 8 KB are therefore recycled
 // through a few caches, each guarded by a try-lock and given to threads in
 // turn; a cache that is busy, empty or full hands the call on to the
 // heap, so a block may be freed on any thread. Every block carries its size
@@ -13,11 +13,30 @@
 
 namespace {
 
+// Classes 1 to 16 hold blocks of 16 to 256 bytes in steps of 16, classes 17
+// to 21 blocks of 512 to 8,192 bytes (an analysis record, a record's trace
+// line); anything larger always comes from the heap.
 constexpr size_t kGranule = 16;
-constexpr size_t kClasses = 16;     // blocks of 16 to 256 bytes
-constexpr size_t kCaches = 8;       // more than the host's analysing threads
-constexpr unsigned kPerClass = 16;  // bounds a cache to about 36 KB
-constexpr size_t kHeader = 8;       // the class number, then padding
+constexpr size_t kSmallClasses = 16;
+constexpr size_t kClasses = 21;
+constexpr size_t kCaches = 8;            // more than the host's analysing threads
+constexpr unsigned kPerSmallClass = 16;  // a cache holds at most about 36 KB of small
+constexpr unsigned kPerLargeClass = 2;   // and 31 KB of large blocks
+constexpr size_t kHeader = 8;            // the class number, then padding
+
+size_t ClassOf(size_t n) noexcept {
+    if (n <= kGranule * kSmallClasses) return n == 0 ? 1 : (n + kGranule - 1) / kGranule;
+    size_t cls = kSmallClasses + 1;
+    for (size_t bytes = 2 * kGranule * kSmallClasses; bytes < n; bytes *= 2)
+        if (++cls > kClasses) return 0;
+    return cls;
+}
+
+size_t ClassBytes(size_t cls) noexcept {
+    return cls <= kSmallClasses ? cls * kGranule : (kGranule * kSmallClasses) << (cls - kSmallClasses);
+}
+
+unsigned ClassLimit(size_t cls) noexcept { return cls <= kSmallClasses ? kPerSmallClass : kPerLargeClass; }
 
 struct FreeBlock {
     FreeBlock* next;
@@ -65,8 +84,8 @@ Cache* TryLockCache() noexcept {
 void Unlock(Cache* c) noexcept { InterlockedExchange(&c->busy, 0); }
 
 void* Allocate(size_t n) noexcept {
-    const size_t cls = n == 0 ? 1 : (n + kGranule - 1) / kGranule;  // 1-based
-    if (cls <= kClasses) {
+    const size_t cls = ClassOf(n);  // 1-based; 0: no class
+    if (cls != 0) {
         if (Cache* c = TryLockCache()) {
             FreeBlock* b = c->blocks[cls - 1];
             if (b) {
@@ -77,11 +96,11 @@ void* Allocate(size_t n) noexcept {
             if (b) return b;
         }
     }
-    const size_t bytes = cls <= kClasses ? cls * kGranule : n;
+    const size_t bytes = cls != 0 ? ClassBytes(cls) : n;
     if (bytes > static_cast<size_t>(-1) - kHeader) return nullptr;
     char* raw = static_cast<char*>(malloc(bytes + kHeader));
     if (!raw) return nullptr;
-    *reinterpret_cast<size_t*>(raw) = cls <= kClasses ? cls : 0;
+    *reinterpret_cast<size_t*>(raw) = cls;
     return raw + kHeader;
 }
 
@@ -91,7 +110,7 @@ void Release(void* p) noexcept {
     const size_t cls = *reinterpret_cast<size_t*>(raw);
     if (cls >= 1 && cls <= kClasses) {
         if (Cache* c = TryLockCache()) {
-            const bool kept = c->count[cls - 1] < kPerClass;
+            const bool kept = c->count[cls - 1] < ClassLimit(cls);
             if (kept) {
                 FreeBlock* b = static_cast<FreeBlock*>(p);
                 b->next = c->blocks[cls - 1];

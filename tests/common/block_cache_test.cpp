@@ -14,7 +14,7 @@ namespace {
 
 TEST(BlockCache, SizesAcrossTheClassesAndThreadsStayIntactAndKeepTheLastError) {
     std::vector<std::unique_ptr<char[]>> blocks;
-    const std::vector<size_t> sizes{16, 255, 256, 257, 0, 1, 15, 17, 5000};
+    const std::vector<size_t> sizes{16, 255, 256, 257, 0, 1, 15, 17, 600, 5000, 8192, 8193};
     for (size_t n : sizes) {
         SetLastError(4321);
         blocks.emplace_back(new char[n + 1]);
