@@ -106,4 +106,27 @@ private:
     CRITICAL_SECTION& m_cs;
 };
 
+// Holds a slim reader/writer lock for a scope, exclusively or shared.
+class srw_exclusive {
+public:
+    explicit srw_exclusive(SRWLOCK& l) noexcept : m_l(l) { AcquireSRWLockExclusive(&m_l); }
+    ~srw_exclusive() { ReleaseSRWLockExclusive(&m_l); }
+    srw_exclusive(const srw_exclusive&) = delete;
+    srw_exclusive& operator=(const srw_exclusive&) = delete;
+
+private:
+    SRWLOCK& m_l;
+};
+
+class srw_shared {
+public:
+    explicit srw_shared(SRWLOCK& l) noexcept : m_l(l) { AcquireSRWLockShared(&m_l); }
+    ~srw_shared() { ReleaseSRWLockShared(&m_l); }
+    srw_shared(const srw_shared&) = delete;
+    srw_shared& operator=(const srw_shared&) = delete;
+
+private:
+    SRWLOCK& m_l;
+};
+
 }  // namespace kw

@@ -194,13 +194,12 @@ std::atomic<CHostNetworkInfo*> g_instance{nullptr};
 CHostNetworkInfo* GetHostNetworkInfo() {
     CHostNetworkInfo* p = g_instance.load(std::memory_order_acquire);
     if (p) return p;
-    AcquireSRWLockExclusive(&g_instanceLock);
+    srw_exclusive lock(g_instanceLock);
     p = g_instance.load(std::memory_order_relaxed);
     if (!p) {
         p = new (std::nothrow) CHostNetworkInfo();
         g_instance.store(p, std::memory_order_release);
     }
-    ReleaseSRWLockExclusive(&g_instanceLock);
     return p;
 }
 

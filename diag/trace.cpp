@@ -2,7 +2,6 @@
 
 #include <atomic>
 #include <cstdarg>
-#include <cstdio>
 
 namespace kw {
 

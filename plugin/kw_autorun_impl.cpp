@@ -2,6 +2,7 @@
 
 #include "analyze/analizy_operate.h"
 #include "analyze/analysis_record.h"
+#include "common/handle.h"
 
 #include <set>
 #include "diag/trace.h"
@@ -17,28 +18,6 @@ volatile LONG g_rulesLoaded = 0;
 SRWLOCK g_loadLock = SRWLOCK_INIT;
 SRWLOCK g_tableLock = SRWLOCK_INIT;
 RuleTable g_rules;
-
-class SrwExclusive {
-public:
-    explicit SrwExclusive(SRWLOCK& l) noexcept : m_l(l) { AcquireSRWLockExclusive(&m_l); }
-    ~SrwExclusive() { ReleaseSRWLockExclusive(&m_l); }
-    SrwExclusive(const SrwExclusive&) = delete;
-    SrwExclusive& operator=(const SrwExclusive&) = delete;
-
-private:
-    SRWLOCK& m_l;
-};
-
-class SrwShared {
-public:
-    explicit SrwShared(SRWLOCK& l) noexcept : m_l(l) { AcquireSRWLockShared(&m_l); }
-    ~SrwShared() { ReleaseSRWLockShared(&m_l); }
-    SrwShared(const SrwShared&) = delete;
-    SrwShared& operator=(const SrwShared&) = delete;
-
-private:
-    SRWLOCK& m_l;
-};
 
 }  // namespace
 
@@ -77,7 +56,7 @@ bool CKwAutoRunImpl::Init(IHostRuleEngine* ruleEng, const char* configContent,
         // the parser decides how far it reads.
         std::string content;
         if (configContent) content.assign(configContent, configContentLength);
-        SrwExclusive loading(g_loadLock);
+        srw_exclusive loading(g_loadLock);
         // A caller that waited on the lock finds the rules loaded.
         if (g_rulesLoaded) return true;
         RuleTable loaded;
@@ -86,7 +65,7 @@ bool CKwAutoRunImpl::Init(IHostRuleEngine* ruleEng, const char* configContent,
         // initialises before its rule text is ready must not run without
         // rules for the life of the process.
         if (!loaded.empty()) {
-            SrwExclusive publish(g_tableLock);
+            srw_exclusive publish(g_tableLock);
             g_rules.swap(loaded);
             InterlockedExchange(&g_rulesLoaded, 1);
             return true;
@@ -104,7 +83,7 @@ void CKwAutoRunImpl::Reserved3() noexcept {}
 
 bool CKwAutoRunImpl::GetParseRule(int32_t parseId, RegRule* out) noexcept {
     try {
-        SrwShared lookup(g_tableLock);
+        srw_shared lookup(g_tableLock);
         auto it = g_rules.find(parseId);
         if (it == g_rules.end()) return false;
         if (out) *out = it->second;
@@ -116,7 +95,7 @@ bool CKwAutoRunImpl::GetParseRule(int32_t parseId, RegRule* out) noexcept {
 }
 
 RuleTable CKwAutoRunImpl::GetRules() {
-    SrwShared lookup(g_tableLock);
+    srw_shared lookup(g_tableLock);
     return g_rules;
 }
 

@@ -5,7 +5,6 @@
 #include "diag/trace.h"
 
 #include <atomic>
-#include <new>
 #include <vector>
 
 namespace kw {
@@ -56,20 +55,6 @@ bool HasEnded(const ProcessUser& user) noexcept {
     return GetExitCodeProcess(user.process.get(), &code) && code != STILL_ACTIVE;
 }
 
-class SrwLock {
-public:
-    SrwLock(SRWLOCK& l, bool exclusive) noexcept : m_l(l), m_exclusive(exclusive) {
-        exclusive ? AcquireSRWLockExclusive(&m_l) : AcquireSRWLockShared(&m_l);
-    }
-    ~SrwLock() { m_exclusive ? ReleaseSRWLockExclusive(&m_l) : ReleaseSRWLockShared(&m_l); }
-    SrwLock(const SrwLock&) = delete;
-    SrwLock& operator=(const SrwLock&) = delete;
-
-private:
-    SRWLOCK& m_l;
-    bool m_exclusive;
-};
-
 struct Entry {
     DWORD pid = 0;
     std::shared_ptr<const ProcessUser> user;  // empty: a free slot
@@ -83,14 +68,14 @@ size_t g_oldest = 0;  // the slot a full cache gives up next
 std::atomic<DWORD> g_lastSweep{0};
 
 std::shared_ptr<const ProcessUser> Find(DWORD pid) {
-    SrwLock shared(g_lock, false);
+    srw_shared shared(g_lock);
     for (const Entry& e : g_entries)
         if (e.user && e.pid == pid) return e.user;
     return nullptr;
 }
 
 std::shared_ptr<const ProcessUser> Insert(DWORD pid, std::shared_ptr<const ProcessUser> user) {
-    SrwLock exclusive(g_lock, true);
+    srw_exclusive exclusive(g_lock);
     Entry* slot = nullptr;
     for (Entry& e : g_entries) {
         if (e.user && e.pid == pid) return e.user;  // another thread was first
@@ -117,13 +102,13 @@ void SweepWhenDue() {
 size_t SweepProcessUsers() {
     Entry seen[kCacheEntries];
     {
-        SrwLock shared(g_lock, false);
+        srw_shared shared(g_lock);
         for (size_t i = 0; i < kCacheEntries; ++i) seen[i] = g_entries[i];
     }
     bool ended[kCacheEntries] = {false};
     for (size_t i = 0; i < kCacheEntries; ++i) ended[i] = seen[i].user && HasEnded(*seen[i].user);
     size_t left = 0;
-    SrwLock exclusive(g_lock, true);
+    srw_exclusive exclusive(g_lock);
     for (size_t i = 0; i < kCacheEntries; ++i) {
         // Only the entry that was tested: the slot may hold another by now.
         if (ended[i] && g_entries[i].user == seen[i].user) g_entries[i] = Entry();

@@ -377,7 +377,7 @@ BOOL MapSystem32ToSysnative(const std::wstring& path, std::wstring& out) {
 
 const wchar_t* GetCurrentControlSetName() noexcept {
     if (InterlockedCompareExchange(&g_controlSetReady, 0, 0) != 0) return g_szControlSet;
-    AcquireSRWLockExclusive(&g_controlSetLock);
+    srw_exclusive lock(g_controlSetLock);
     if (!g_controlSetReady) {
         wchar_t name[MAX_PATH] = {0};
         if (ReadControlSetName(name, MAX_PATH)) {
@@ -389,7 +389,6 @@ const wchar_t* GetCurrentControlSetName() noexcept {
             CopyBounded(g_szControlSet, MAX_PATH, L"ontrolSet001");
         }
     }
-    ReleaseSRWLockExclusive(&g_controlSetLock);
     return g_szControlSet;
 }
 
